@@ -1,0 +1,209 @@
+#include "lowlevel/platform/io.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <string>
+
+namespace lowlevel {
+namespace platform {
+
+namespace {
+
+IoFaultHook* g_hook = nullptr;
+IoCounters g_counters;
+
+bool injectedFailure(IoCall call, int handle) {
+  return g_hook != nullptr && g_hook->shouldFail(call, handle);
+}
+
+unsigned allowedBytes(IoCall call, int handle, unsigned count) {
+  if (g_hook == nullptr) return count;
+  unsigned allowed = g_hook->limitBytes(call, handle, count);
+  return allowed < count ? allowed : count;
+}
+
+std::string hostPath(const char* path) {
+  std::string result(path != nullptr ? path : "");
+  for (char& c : result) {
+    if (c == '\\') c = '/';
+  }
+  return result;
+}
+
+}  // namespace
+
+void toHostPath(const char* path, char* out, unsigned capacity) {
+  if (out == nullptr || capacity == 0) return;
+  std::string p = hostPath(path);
+  size_t n = p.size() < capacity - 1 ? p.size() : capacity - 1;
+  p.copy(out, n);
+  out[n] = '\0';
+}
+
+int open(const char* path, unsigned flags, unsigned permission) {
+  ++g_counters.opens;
+  if (injectedFailure(IoCall::Open, -1)) return -1;
+  int hostFlags = O_CLOEXEC;
+  switch (flags & 0x3u) {
+    case kOpenReadOnly: hostFlags |= O_RDONLY; break;
+    case kOpenWriteOnly: hostFlags |= O_WRONLY; break;
+    case kOpenReadWrite: hostFlags |= O_RDWR; break;
+    default: return -1;  // both access bits: no such mode
+  }
+  if (flags & kOpenAppend) hostFlags |= O_APPEND;
+  if (flags & kOpenCreate) hostFlags |= O_CREAT;
+  if (flags & kOpenTruncate) hostFlags |= O_TRUNC;
+  if (flags & kOpenExclusive) hostFlags |= O_EXCL;
+  // Files are always readable; the write permission decides whether a created file is read-only.
+  mode_t mode = S_IRUSR | S_IRGRP | S_IROTH;
+  if (permission & kPermWrite) mode |= S_IWUSR | S_IWGRP | S_IWOTH;
+  std::string p = hostPath(path);
+  int fd;
+  do {
+    fd = ::open(p.c_str(), hostFlags, mode);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) return -1;
+  struct stat st;
+  if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+int close(int handle) {
+  ++g_counters.closes;
+  if (handle < 0) return -1;
+  if (injectedFailure(IoCall::Close, handle)) {
+    // A failed close still releases the handle on POSIX systems; do the same so nothing leaks.
+    ::close(handle);
+    return -1;
+  }
+  return ::close(handle) == 0 ? 0 : -1;
+}
+
+int read(int handle, void* buffer, unsigned count) {
+  ++g_counters.reads;
+  if (handle < 0 || (buffer == nullptr && count > 0)) return -1;
+  if (injectedFailure(IoCall::Read, handle)) return -1;
+  if (count > static_cast<unsigned>(INT_MAX)) count = INT_MAX;
+  count = allowedBytes(IoCall::Read, handle, count);
+  char* p = static_cast<char*>(buffer);
+  unsigned done = 0;
+  while (done < count) {
+    ssize_t n = ::read(handle, p + done, count - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return done > 0 ? static_cast<int>(done) : -1;
+    }
+    if (n == 0) break;
+    done += static_cast<unsigned>(n);
+  }
+  return static_cast<int>(done);
+}
+
+int write(int handle, const void* buffer, unsigned count) {
+  ++g_counters.writes;
+  if (handle < 0 || (buffer == nullptr && count > 0)) return -1;
+  if (injectedFailure(IoCall::Write, handle)) return -1;
+  if (count > static_cast<unsigned>(INT_MAX)) count = INT_MAX;
+  count = allowedBytes(IoCall::Write, handle, count);
+  const char* p = static_cast<const char*>(buffer);
+  unsigned done = 0;
+  while (done < count) {
+    ssize_t n = ::write(handle, p + done, count - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return done > 0 ? static_cast<int>(done) : -1;
+    }
+    if (n == 0) break;
+    done += static_cast<unsigned>(n);
+  }
+  return static_cast<int>(done);
+}
+
+int32_t lseek(int handle, int32_t offset, int origin) {
+  ++g_counters.seeks;
+  if (handle < 0) return -1;
+  if (injectedFailure(IoCall::Seek, handle)) return -1;
+  int64_t base;
+  switch (origin) {
+    case 0: base = 0; break;
+    case 1: {
+      off_t cur = ::lseek(handle, 0, SEEK_CUR);
+      if (cur < 0) return -1;
+      base = cur;
+      break;
+    }
+    case 2: {
+      struct stat st;
+      if (::fstat(handle, &st) != 0) return -1;
+      base = st.st_size;
+      break;
+    }
+    default: return -1;
+  }
+  int64_t target = base + offset;
+  if (target < 0 || target > INT32_MAX) return -1;
+  off_t got = ::lseek(handle, static_cast<off_t>(target), SEEK_SET);
+  if (got < 0) return -1;
+  return static_cast<int32_t>(got);
+}
+
+int32_t tell(int handle) {
+  ++g_counters.tells;
+  if (handle < 0) return -1;
+  if (injectedFailure(IoCall::Tell, handle)) return -1;
+  off_t cur = ::lseek(handle, 0, SEEK_CUR);
+  if (cur < 0 || cur > INT32_MAX) return -1;
+  return static_cast<int32_t>(cur);
+}
+
+int32_t filelength(int handle) {
+  ++g_counters.lengths;
+  if (handle < 0) return -1;
+  if (injectedFailure(IoCall::Length, handle)) return -1;
+  struct stat st;
+  if (::fstat(handle, &st) != 0 || st.st_size > INT32_MAX) return -1;
+  return static_cast<int32_t>(st.st_size);
+}
+
+int dup(int handle) {
+  ++g_counters.dups;
+  if (handle < 0) return -1;
+  if (injectedFailure(IoCall::Dup, handle)) return -1;
+  int fd = ::fcntl(handle, F_DUPFD_CLOEXEC, 0);
+  return fd < 0 ? -1 : fd;
+}
+
+int fstat(int handle, FileStat* out) {
+  ++g_counters.stats;
+  if (handle < 0 || out == nullptr) return -1;
+  if (injectedFailure(IoCall::Stat, handle)) return -1;
+  struct stat st;
+  if (::fstat(handle, &st) != 0) return -1;
+  if (S_ISREG(st.st_mode)) out->mode = kModeRegular;
+  else if (S_ISDIR(st.st_mode)) out->mode = kModeDirectory;
+  else if (S_ISCHR(st.st_mode)) out->mode = kModeCharDevice;
+  else if (S_ISFIFO(st.st_mode)) out->mode = kModeFifo;
+  else out->mode = 0;
+  out->size = st.st_size > INT32_MAX ? -1 : static_cast<int32_t>(st.st_size);
+  return 0;
+}
+
+IoFaultHook* setIoFaultHook(IoFaultHook* hook) {
+  IoFaultHook* previous = g_hook;
+  g_hook = hook;
+  return previous;
+}
+
+IoCounters ioCounters() { return g_counters; }
+
+void resetIoCounters() { g_counters = IoCounters(); }
+
+}  // namespace platform
+}  // namespace lowlevel

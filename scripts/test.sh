@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Installs what is missing, then builds and runs every test: a g++ build, a clang build under
+# AddressSanitizer and UndefinedBehaviorSanitizer, and a small project that uses the library
+# through add_subdirectory.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+
+jobs=$(nproc)
+run() { echo "+ $*"; "$@"; }
+
+echo "== g++ build and tests"
+run cmake -S . -B build/gcc -G Ninja -DCMAKE_CXX_COMPILER=g++ -DCMAKE_C_COMPILER=gcc \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+run cmake --build build/gcc -j "$jobs"
+run ctest --test-dir build/gcc --output-on-failure -j "$jobs" --timeout 600
+
+echo "== clang build with AddressSanitizer and UndefinedBehaviorSanitizer, and tests"
+run cmake -S . -B build/asan -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang \
+  -DCMAKE_BUILD_TYPE=Debug -DLOWLEVEL_SANITIZE=ON -DLOWLEVEL_BUILD_BENCH=OFF >/dev/null
+run cmake --build build/asan -j "$jobs"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run ctest --test-dir build/asan --output-on-failure -j "$jobs" --timeout 900
+
+echo "== a project that uses the library through add_subdirectory"
+run cmake -S tests/consumer -B build/consumer -G Ninja -DLOWLEVEL_DIR="$PWD" >/dev/null
+run cmake --build build/consumer -j "$jobs"
+run ./build/consumer/consumer

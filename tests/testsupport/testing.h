@@ -1,0 +1,110 @@
+// Shared helpers for the unit tests: scratch directories, a support object that records reports,
+// and fault injection through the platform seam.
+#ifndef LOWLEVEL_TESTS_TESTING_H
+#define LOWLEVEL_TESTS_TESTING_H
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "lowlevel/platform/io.h"
+#include "lowlevel/support/support.h"
+
+namespace lltest {
+
+// A fresh directory under the system's temporary directory, removed with everything in it when the
+// object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  // path() + "/" + name
+  std::string file(const std::string& name) const;
+
+ private:
+  std::string path_;
+};
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& bytes);
+bool fileExists(const std::string& path);
+
+struct Report {
+  std::string message;
+  std::string function;
+  ZEReporterFlag flag;
+  std::string module;
+  int line;
+};
+
+// A support object that records every report. Installs itself while it lives and puts the default
+// object back afterwards. Directory answers are fields that a test sets.
+class RecordingSupport : public ZlowLevelSupport {
+ public:
+  RecordingSupport();
+  ~RecordingSupport() override;
+
+  const char* getExeDir() override { return exeDir; }
+  const char* getInstallDir() override { return installDir; }
+  const char* getUpdateDir() override { return updateDir; }
+  const char* getDirectoryByIniName(const char* name) override;
+  int getCdCount() override { return cdCount; }
+  const char* getCdPath(eCDVolType volume, bool bRetry, bool bHostFlag) override;
+  const char* requestCdVolume(eCDVolType volume, bool bHostFlag) override;
+  void reporter(const char* message, const char* function, ZEReporterFlag flag,
+                const char* sourceModule, int line) override;
+
+  std::vector<Report> reports;
+  const char* exeDir = nullptr;
+  const char* installDir = nullptr;
+  const char* updateDir = nullptr;
+  int cdCount = 0;
+  // Volume answers by eCDVolType value; a missing entry answers null.
+  std::vector<std::string> locationNames;   // parallel to locationDirs
+  std::vector<std::string> locationDirs;
+  std::vector<std::pair<int, std::string>> cdPaths;
+  struct CdPathCall { int volume; bool retry; bool hostFlag; };
+  std::vector<CdPathCall> cdPathCalls;
+  std::vector<int> volumeRequests;
+  const char* requestAnswer = nullptr;
+};
+
+// Makes I/O calls fail through the platform seam while it lives.
+//
+// Counting: every call whose kind is in `calls` counts; the calls numbered in `failAt` (1-based)
+// fail. failFrom > 0 makes every counted call from that number on fail. failHandle >= 0 makes every
+// call on that handle fail. writeLimit >= 0 cuts each write to that many bytes (torn writes).
+class FaultInjector : public lowlevel::platform::IoFaultHook {
+ public:
+  explicit FaultInjector(std::set<lowlevel::platform::IoCall> calls = allCalls());
+  ~FaultInjector() override;
+  FaultInjector(const FaultInjector&) = delete;
+  FaultInjector& operator=(const FaultInjector&) = delete;
+
+  static std::set<lowlevel::platform::IoCall> allCalls();
+
+  bool shouldFail(lowlevel::platform::IoCall call, int handle) override;
+  unsigned limitBytes(lowlevel::platform::IoCall call, int handle, unsigned count) override;
+
+  std::set<lowlevel::platform::IoCall> calls;
+  std::set<int> failAt;
+  int failFrom = 0;
+  int failHandle = -1;
+  int writeLimit = -1;
+  int count = 0;     // counted calls so far
+  int failures = 0;  // calls made to fail so far
+
+ private:
+  lowlevel::platform::IoFaultHook* previous_;
+};
+
+// The repository's source directory (for data files that the tests read).
+std::string sourceDir();
+
+}  // namespace lltest
+
+#endif
