@@ -1,0 +1,129 @@
+// BTree: a persistent B-tree index in one file. Keys are byte strings of one fixed width (or 32-bit
+// numbers), each with one 32-bit value, with or without duplicates, optionally passed through a
+// locale mapping before they are stored. A tree can be created, opened (also read-only inside a
+// larger file), searched, walked with a cursor, and changed key by key.
+//
+// Every operation answers with bool. A key argument is a pointer and a length; length 0 means a
+// zero-terminated text. After construction test isOk(): on an object that is not ok only the
+// accessors and the destructor may be called.
+#ifndef LOWLEVEL_BTREE_BTREE_H
+#define LOWLEVEL_BTREE_BTREE_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+class BTreePage;
+class BTreePageKey;
+class BTreePageFile;
+
+class BTree {
+ public:
+  typedef void (*TraverseCallback)(int32_t value, const char* key, int length);
+
+  // Opens an existing tree. `offset` is its position inside a larger file (0 when it stands alone);
+  // only a read-only tree may have one.
+  BTree(const std::string& fileName, bool readOnly, int32_t offset);
+  // Creates a tree, replacing any file of that name. `order` is the most children of a page (at
+  // least 2), `keyLength` the width of the caller's keys (at least 1). With `lcid` or `mapFlags`
+  // non-zero every key is passed through the locale mapping first; `spaceConversion` 0 replaces
+  // blanks of terminated keys by '0' before a mapping that ignores symbols. An order below 2, a key
+  // width below 1 or a page record too large for a signed 32-bit size is refused with a report,
+  // and the object is not ok.
+  BTree(const std::string& fileName, int order, int keyLength, bool duplicates, uint32_t lcid,
+        uint32_t mapFlags, int16_t spaceConversion);
+  // Copying would leave two objects owning one page file; it is forbidden.
+  BTree(const BTree&) = delete;
+  BTree& operator=(const BTree&) = delete;
+  // Writes the header (when opened for update) and closes the file.
+  ~BTree();
+
+  // --- Accessors: the only operations allowed on an object that is not ok. ---
+  bool isOk();
+  int32_t getVersion();        // 0 without a usable page file
+  int getOrder();              // 0 without a root
+  int getKeyLength();          // the caller's key width; -1 without a root or page file
+  bool hasDuplicates();
+  bool isCompressed();
+  int getKeyCount();           // the live count; -1 without a page file
+  bool getLCIDandMapFlags(uint32_t& lcid, uint32_t& mapFlags);
+  bool getSpaceConversion(int16_t& spaceConversion);
+
+  // --- Lookup (they place the cursor). ---
+  bool find(int32_t& value, const char* key, int length);
+  bool findGreaterThanOrEqual(int32_t& value, const char* key, int length);
+
+  // --- Changes. ---
+  bool insertKey(int32_t value, const char* key, int length);
+  bool deleteKey(const char* key, int length);
+  bool deleteKey(int32_t value, const char* key, int length);
+  bool replaceValue(int32_t value, const char* key, int length);
+
+  // --- Long keys: the key is the 4 bytes of a 32-bit number, stored so that bytewise order is the
+  // unsigned numeric order (except in the oldest file version). ---
+  bool insertKey(int32_t value, int32_t key);
+  bool replaceValue(int32_t value, int32_t key);
+  bool deleteKey(int32_t key);
+  bool deleteKey(int32_t value, int32_t key);
+  bool find(int32_t& value, int32_t key);
+  bool findGreaterThanOrEqual(int32_t& value, int32_t key);
+  bool getCurrentKey(int32_t& key);
+
+  // --- Cursor. ---
+  bool first(int32_t& value);
+  bool last(int32_t& value);
+  bool next(int32_t& value);
+  bool prev(int32_t& value);
+  // Copies the current key's bytes into `key`, whose capacity is `length` on entry. Too small:
+  // false, `length` set to the size needed, nothing copied, cursor kept. No terminator is written.
+  bool getCurrentKey(char* key, int& length);
+  bool getCurrentKeyDepthAndIndex(int& depth, int& index);
+  int depth();  // levels below the root; -1 on a read failure
+
+  // --- Traversal and self-test. ---
+  bool inOrder(TraverseCallback callback);
+  bool test(bool relaxed, int32_t* keyCount, int32_t* pageCount, int32_t* backwardLinks);
+
+ private:
+  friend struct BTreeTestAccess;
+  friend bool compressBTree(const std::string& sourceName, const std::string& targetName);
+  friend bool orderBTree(const std::string& sourceName, const std::string& targetName);
+  friend bool repackBTree(const std::string& sourceName, const std::string& targetName, int order);
+  friend bool copyChildPages(BTree& source, BTree& target, const BTreePage& page,
+                             std::map<int32_t, int32_t>& offsetMap);
+  friend bool buildPage(BTree& source, BTree& target, int keys, int order, BTreePage& page);
+  friend bool nextSourceKey(BTree& source, BTreePageKey& key, int32_t& value);
+
+  int32_t btreeReverseLong(int32_t value);
+  bool convertKey(const char* key, int length);
+  void clearCurPage();
+  // The slot for a caller's key: converted when the tree says so, cut or padded to the slot width,
+  // with `value` as tail in a tree with duplicates.
+  BTreePageKey prepareKey(const char* key, int length, int32_t value);
+
+  bool Search(const BTreePage& page, const BTreePageKey& key, BTreePage& result, uint32_t& index);
+  bool PromoteInternal(BTreePage& page, const BTreePageKey& key, int32_t value, int32_t rightChild);
+  bool PromoteRoot(const BTreePageKey& key, int32_t value, BTreePage& left, BTreePage& right);
+  bool internalDeleteKey(BTreePageKey& key);
+  bool AdjustTree(BTreePage& page);
+  bool Redistribute(uint32_t separator, BTreePage& left, BTreePage& parent, BTreePage& right);
+  bool Concatenate(uint32_t separator, BTreePage& left, BTreePage& parent, BTreePage& right);
+  bool RecurseTraverse(const BTreePage& page);
+  bool testRecurse(const BTreePage& page, bool relaxed);
+
+  bool ok;
+  std::string fileName;
+  BTreePageFile* pageFile;
+  BTreePage* root;
+  TraverseCallback traverseCallback;
+  BTreePage* curPage;
+  uint32_t curIndex;
+  uint32_t lcid;
+  uint32_t mapFlags;
+  int16_t spaceConversion;
+  char* convertBuffer;
+  int convertLength;
+  int convertCapacity;
+};
+
+#endif

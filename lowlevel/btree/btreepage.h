@@ -1,0 +1,62 @@
+// Keys and pages in memory. Internal to the BTree module.
+//
+// BTreePageKey is one key slot; BTreePage is the image of one page record. Both own their buffers
+// and copy them deeply: tree operations work on local copies of pages, never on shared ones.
+#ifndef LOWLEVEL_BTREE_BTREEPAGE_H
+#define LOWLEVEL_BTREE_BTREEPAGE_H
+
+#include <cstdint>
+
+class BTreePageKey {
+ public:
+  // The empty key (data null, length 0, size 0): the mark of an unused slot. Never compared.
+  BTreePageKey();
+  // A slot of `size` bytes holding `key`: `length` bytes (0: the length of `key` as a terminated
+  // text), cut to `size`, padded with zero bytes.
+  BTreePageKey(unsigned size, const void* key, unsigned length);
+  // The same for a tree with duplicates: the key gets size - 4 bytes at most, and the last four
+  // bytes of the slot hold `value` big-endian. `length` does not count the tail.
+  BTreePageKey(unsigned size, const void* key, unsigned length, int32_t value);
+  BTreePageKey(const BTreePageKey& other);
+  // Frees this key's buffer, then copies (assigning the empty key empties the slot).
+  BTreePageKey& operator=(const BTreePageKey& other);
+  ~BTreePageKey();
+
+  // Unsigned bytewise comparison over this key's size: negative when this key sorts first.
+  int compare(const BTreePageKey& other) const;
+
+  unsigned char* data;
+  uint32_t length;  // key bytes given, after cutting; no decision rests on it
+  uint32_t size;    // the slot width, value tail included
+};
+
+class BTreePage {
+ public:
+  // An empty page of `order` (order 0 builds the placeholder, which exists only to be assigned to:
+  // its arrays are null and maxKeys must not be used as a count).
+  BTreePage(unsigned order, unsigned keyLength);
+  BTreePage(const BTreePage& other);
+  // Rebuilds the arrays at the source's sizes, so a placeholder or a page of another order becomes
+  // a full copy.
+  BTreePage& operator=(const BTreePage& other);
+  ~BTreePage();
+
+  bool isPlaceholder() const { return keys == nullptr; }
+
+  int32_t offset;        // own logical offset; -1 until placed in the file
+  int32_t parentOffset;  // -1 in the root
+  uint32_t order;
+  uint32_t maxKeys;      // order - 1
+  uint32_t minKeys;      // order >> 1
+  uint32_t keyCount;
+  uint32_t keyLength;    // slot width
+  BTreePageKey* keys;    // maxKeys entries
+  int32_t* values;       // maxKeys entries
+  int32_t* children;     // order entries
+
+ private:
+  void allocate();  // builds the three arrays for order and maxKeys
+  void release();
+};
+
+#endif

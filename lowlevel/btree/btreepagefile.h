@@ -1,0 +1,93 @@
+// The page file: the layer between the tree logic and the file. Internal to the BTree module.
+//
+// It owns the ZFile that holds the pages, keeps the 46-byte header in memory, validates a file on
+// opening, lays a new file down, reads and writes pages by logical offset (the distance from the
+// header's first byte), keeps the free-page chain and decides when the header goes back to disk.
+// See docs/btree-format.md for the bytes.
+#ifndef LOWLEVEL_BTREE_BTREEPAGEFILE_H
+#define LOWLEVEL_BTREE_BTREEPAGEFILE_H
+
+#include <cstdint>
+#include <string>
+
+#include "lowlevel/btree/btreepage.h"
+#include "lowlevel/files/file.h"
+
+constexpr int32_t kBTreeVersion1 = 0x00010100;
+constexpr int32_t kBTreeVersion2 = 0x00010200;
+constexpr int32_t kBTreeVersion3 = 0x00010300;
+constexpr int32_t kBTreeVersion4 = 0x00010400;
+constexpr int32_t kBTreeMagic = 0x3154424B;  // "KBT1"
+constexpr int kBTreeHeaderSize = 46;
+constexpr int kBTreePageHeadSize = 28;
+constexpr int kBTreeCompressedPageHeadSize = 12;
+
+// The 46-byte header, field by field; encode/decode give the exact little-endian bytes.
+struct BTreePageFileHdr {
+  int32_t version = 0;
+  int32_t magic = 0;
+  int32_t headerSize = 0;
+  int32_t keyLength = 0;   // slot width, value tail included
+  int32_t order = 0;
+  int16_t duplicates = 0;
+  int16_t compressed = 0;
+  int32_t keyCount = 0;
+  int32_t rootOffset = -1;
+  int32_t freeListHead = -1;
+  uint32_t lcid = 0;
+  uint32_t mapFlags = 0;
+  int16_t spaceConversion = 0;
+
+  void encode(unsigned char out[kBTreeHeaderSize]) const;
+  void decode(const unsigned char in[kBTreeHeaderSize]);
+};
+
+// Bytes of an uncompressed page record of `order` and slot width `keyLength`, or -1 when that does
+// not fit a signed 32-bit number (or order < 1 or keyLength < 0).
+int64_t btreeRecordSize(int64_t order, int64_t keyLength);
+
+class BTreePageFile {
+ public:
+  // Opens an existing file at `offset` inside it (only a read-only file may have one). Failures are
+  // reported and leave ok false.
+  BTreePageFile(const std::string& fileName, bool readOnly, int32_t offset);
+  // Creates a new file, replacing one of that name: header and an empty root at offset 46.
+  // `keyLength` is the caller's key width, without the value tail of a tree with duplicates.
+  BTreePageFile(const std::string& fileName, int order, int keyLength, bool duplicates,
+                uint32_t lcid, uint32_t mapFlags, int16_t spaceConversion);
+  // When ok: writes the header (nothing when read-only). Closes the file.
+  ~BTreePageFile();
+  BTreePageFile(const BTreePageFile&) = delete;
+  BTreePageFile& operator=(const BTreePageFile&) = delete;
+
+  // Reads the page at logical `offset` into `page` (either form). On false `page` is unchanged.
+  bool readPage(int32_t offset, BTreePage& page);
+  // Writes `page`; a page with offset -1 gets a place (the head of the free chain, else the end of
+  // the file). With isRoot, hdr.rootOffset becomes its offset. Rewrites the header afterwards.
+  bool writePage(BTreePage& page, bool isRoot);
+  // Puts the record at `offset` at the front of the free chain (overwrites its first 4 bytes).
+  bool freePage(int32_t offset);
+  // Sends the header to the file with the live keyCount, then flushes. True without writing when
+  // read-only.
+  bool writeHeader();
+  // Writes `page` as a compressed record (the read-only compact form).
+  bool WriteCompressed(BTreePage& page);
+
+  int32_t keyCount;  // the live key count; reaches the header at the next header write
+  bool ok;
+  ZFile file;
+  BTreePageFileHdr hdr;
+  unsigned char* keyBuffer;
+  int keyBufferSize;
+  bool readOnly;
+  int32_t offsetStart;
+  int32_t compressedWritePosition;
+  int16_t* keyLengthTable;
+  int keyLengthTableSize;
+
+ private:
+  bool readUncompressedKeys(BTreePage& scratch);
+  bool readCompressedBody(BTreePage& scratch);
+};
+
+#endif
