@@ -55,6 +55,11 @@ class BTree {
 
   // --- Changes. ---
   bool insertKey(int32_t value, const char* key, int length);
+  // deleteKey removes one entry; the form without a value refuses a tree with duplicates (reported).
+  // A page that falls below half full borrows a key from a sibling or is merged with one. When a
+  // merge would not fit in one page (trees of even order), the page merges with its other sibling
+  // if that fits, and otherwise stays under-full: the deletion succeeds and the tree stays sound
+  // for search and walks, only less tightly packed. replaceValue refuses a tree with duplicates.
   bool deleteKey(const char* key, int length);
   bool deleteKey(int32_t value, const char* key, int length);
   bool replaceValue(int32_t value, const char* key, int length);
@@ -108,6 +113,12 @@ class BTree {
   bool AdjustTree(BTreePage& page);
   bool Redistribute(uint32_t separator, BTreePage& left, BTreePage& parent, BTreePage& right);
   bool Concatenate(uint32_t separator, BTreePage& left, BTreePage& parent, BTreePage& right);
+  // Deletion helpers: the same steps with a bound on how many more levels the rebalancing may climb,
+  // so that a corrupt parent link cannot make it loop.
+  bool AdjustTree(BTreePage& page, int32_t levelsLeft);
+  bool Concatenate(uint32_t separator, BTreePage& left, BTreePage& parent, BTreePage& right,
+                   int32_t levelsLeft);
+  bool deleteFromInterior(BTreePage& page, uint32_t index);
   bool RecurseTraverse(const BTreePage& page);
   bool testRecurse(const BTreePage& page, bool relaxed);
 
