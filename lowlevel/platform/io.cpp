@@ -195,6 +195,15 @@ int fstat(int handle, FileStat* out) {
   return 0;
 }
 
+bool sameFile(const char* pathA, const char* pathB) {
+  if (pathA == nullptr || pathB == nullptr) return false;
+  struct stat a;
+  struct stat b;
+  if (::stat(hostPath(pathA).c_str(), &a) != 0) return false;
+  if (::stat(hostPath(pathB).c_str(), &b) != 0) return false;
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 IoFaultHook* setIoFaultHook(IoFaultHook* hook) {
   IoFaultHook* previous = g_hook;
   g_hook = hook;

@@ -60,6 +60,11 @@ int dup(int handle);
 // Fills `stat`. 0 on success, -1 on failure.
 int fstat(int handle, FileStat* stat);
 
+// True when both paths name one existing file (the same device and file number, so links and
+// different spellings of one path count as the same). False when either does not exist or cannot
+// be examined. Not a counted call and not subject to the fault seam: it only asks, never changes.
+bool sameFile(const char* pathA, const char* pathB);
+
 // Turns a path written with backslashes into one for the host system.
 void toHostPath(const char* path, char* out, unsigned capacity);
 
