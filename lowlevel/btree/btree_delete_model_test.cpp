@@ -1,0 +1,236 @@
+// Random mixes of insertions, deletions and value replacements, checked against an ordered model
+// after every batch: lookups, walks both ways, counts, parent links and the records of the file.
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <iterator>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "lowlevel/btree/btree.h"
+#include "lowlevel/btree/btreepage.h"
+#include "lowlevel/btree/btreepagefile.h"
+#include "tests/testsupport/testing.h"
+
+namespace {
+
+using Entry = std::pair<uint32_t, uint32_t>;  // key, value as the tree orders them
+
+std::string be4(uint32_t v) {
+  return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16),
+                     static_cast<char>(v >> 8), static_cast<char>(v)};
+}
+uint32_t fromBe4(const char* b) {
+  return static_cast<uint32_t>(static_cast<unsigned char>(b[0])) << 24 |
+         static_cast<uint32_t>(static_cast<unsigned char>(b[1])) << 16 |
+         static_cast<uint32_t>(static_cast<unsigned char>(b[2])) << 8 |
+         static_cast<unsigned char>(b[3]);
+}
+
+struct Config {
+  int order;
+  bool duplicates;
+};
+
+class DeleteModel : public ::testing::TestWithParam<Config> {
+ protected:
+  void SetUp() override {
+    order = GetParam().order;
+    dups = GetParam().duplicates;
+    rng.seed(static_cast<unsigned>(order * 2 + dups));
+    tree = std::make_unique<BTree>(path(), order, 4, dups, 0, 0, 0);
+    ASSERT_TRUE(tree->isOk());
+  }
+
+  std::string path() const { return dir.file("m.btr"); }
+
+  void reopen() {
+    tree.reset();
+    tree = std::make_unique<BTree>(path(), false, 0);
+    ASSERT_TRUE(tree->isOk());
+  }
+
+  int32_t fileLength() const { return static_cast<int32_t>(std::filesystem::file_size(path())); }
+  int32_t freeHeadOnDisk() const {
+    std::ifstream in(path(), std::ios::binary);
+    unsigned char h[36] = {};
+    in.read(reinterpret_cast<char*>(h), 36);
+    return static_cast<int32_t>(h[32] | h[33] << 8 | h[34] << 16 | static_cast<uint32_t>(h[35]) << 24);
+  }
+
+  void insert(uint32_t key, uint32_t value) {
+    int32_t before = fileLength();
+    bool present = dups ? model.count({key, value}) > 0 : keyed.count(key) > 0;
+    std::string k = be4(key);
+    ASSERT_EQ(tree->insertKey(static_cast<int32_t>(value), k.data(), 4), !present);
+    if (!present) add(key, value);
+    // Records on the free chain are used up before the file grows.
+    if (fileLength() > before) {
+      ASSERT_EQ(freeHeadOnDisk(), -1);
+    }
+  }
+
+  void add(uint32_t key, uint32_t value) {
+    model.insert({key, value});
+    keyed[key] = value;
+  }
+
+  void erase(uint32_t key, uint32_t value, bool byValue) {
+    int32_t before = fileLength();
+    std::string k = be4(key);
+    bool present = model.count({key, value}) > 0;
+    bool done = byValue ? tree->deleteKey(static_cast<int32_t>(value), k.data(), 4)
+                        : tree->deleteKey(k.data(), 4);
+    ASSERT_EQ(done, present) << "key " << key;
+    if (present) {
+      model.erase({key, value});
+      if (!dups) keyed.erase(key);
+    }
+    ASSERT_EQ(fileLength(), before);
+  }
+
+  void replace(uint32_t key, uint32_t value) {
+    std::string k = be4(key);
+    bool present = keyed.count(key) > 0;
+    ASSERT_EQ(tree->replaceValue(static_cast<int32_t>(value), k.data(), 4), present);
+    if (present) {
+      model.erase({key, keyed[key]});
+      add(key, value);
+    }
+  }
+
+  // One random step. `insertShare` of 100 steps insert, the rest delete or replace.
+  void step(int insertShare) {
+    int roll = static_cast<int>(rng() % 100);
+    uint32_t key = rng() % kKeySpace;
+    uint32_t value = static_cast<uint32_t>(rng());
+    if (dups) value = rng() % 3 == 0 ? 0xFFFFFFF0u + rng() % 16 : rng() % 8;
+    if (roll < insertShare || model.empty()) return insert(key, value);
+    if (!dups && roll % 10 == 0) return replace(key, value);
+    if (roll % 7 == 0) {  // a miss, or a hit when the key happens to be there
+      if (dups) return erase(key, value, true);
+      return erase(key, keyed.count(key) ? keyed[key] : value, false);
+    }
+    auto it = model.begin();
+    std::advance(it, rng() % model.size());
+    erase(it->first, it->second, dups);
+  }
+
+  std::vector<Entry> walk(bool forward) {
+    std::vector<Entry> seen;
+    int32_t value = 0;
+    bool more = forward ? tree->first(value) : tree->last(value);
+    while (more && seen.size() <= model.size()) {
+      char key[8];
+      int length = 8;
+      EXPECT_TRUE(tree->getCurrentKey(key, length));
+      EXPECT_EQ(length, 4);
+      seen.push_back({fromBe4(key), static_cast<uint32_t>(value)});
+      more = forward ? tree->next(value) : tree->prev(value);
+    }
+    if (!forward) std::reverse(seen.begin(), seen.end());
+    return seen;
+  }
+
+  // Every page reachable from the root names its parent; together with the free chain they are
+  // all the records of the file.
+  void checkRecords() {
+    BTreePageFile pf(path(), true, 0);
+    ASSERT_TRUE(pf.ok);
+    int32_t records = (fileLength() - kBTreeHeaderSize) /
+                      static_cast<int32_t>(btreeRecordSize(pf.hdr.order, pf.hdr.keyLength));
+    int reachable = 0;
+    std::vector<std::pair<int32_t, int32_t>> todo = {{pf.hdr.rootOffset, -1}};
+    while (!todo.empty() && reachable <= records) {
+      auto [offset, parent] = todo.back();
+      todo.pop_back();
+      BTreePage page(0, 0);
+      ASSERT_TRUE(pf.readPage(offset, page)) << offset;
+      ASSERT_EQ(page.parentOffset, parent) << "page " << offset;
+      ++reachable;
+      if (page.children[0] == -1) continue;
+      for (uint32_t i = 0; i <= page.keyCount; ++i) todo.push_back({page.children[i], offset});
+    }
+    int free = 0;
+    for (int32_t at = pf.hdr.freeListHead; at != -1 && free <= records; ++free) {
+      std::ifstream in(path(), std::ios::binary);
+      in.seekg(at);
+      unsigned char b[4] = {};
+      in.read(reinterpret_cast<char*>(b), 4);
+      at = static_cast<int32_t>(b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24);
+    }
+    EXPECT_EQ(reachable + free, records);
+  }
+
+  void verify() {
+    ASSERT_EQ(tree->getKeyCount(), static_cast<int>(model.size()));
+    int32_t keys = -1;
+    EXPECT_TRUE(tree->test(order % 2 == 0, &keys, nullptr, nullptr));
+    if (order % 2 == 1) {
+      EXPECT_TRUE(tree->test(false, nullptr, nullptr, nullptr));
+    }
+    EXPECT_EQ(keys, static_cast<int32_t>(model.size()));
+    std::vector<Entry> expected(model.begin(), model.end());
+    ASSERT_EQ(walk(true), expected);
+    ASSERT_EQ(walk(false), expected);
+    // Each key once; with duplicates its lowest value comes first.
+    for (auto it = model.begin(); it != model.end(); it = model.lower_bound({it->first + 1, 0})) {
+      int32_t found = 0;
+      std::string k = be4(it->first);
+      ASSERT_TRUE(tree->find(found, k.data(), 4)) << it->first;
+      EXPECT_EQ(static_cast<uint32_t>(found), it->second);
+    }
+    checkRecords();
+  }
+
+  void runUntil(size_t target, int insertShare) {
+    for (int n = 1; model.size() != target && n < 20000; ++n) {
+      step(insertShare);
+      if (HasFatalFailure()) return;
+      if (n % 60 == 0) verify();
+    }
+    verify();
+  }
+
+  static constexpr uint32_t kKeySpace = 400;
+  int order = 0;
+  bool dups = false;
+  std::mt19937 rng;
+  lltest::TempDir dir;
+  std::unique_ptr<BTree> tree;
+  std::set<Entry> model;
+  std::map<uint32_t, uint32_t> keyed;  // without duplicates: key to value
+};
+
+TEST_P(DeleteModel, MixesUntilEmptyAndRefilled) {
+  runUntil(220, 70);
+  reopen();
+  verify();
+  runUntil(0, 30);
+  runUntil(120, 90);
+  reopen();
+  runUntil(0, 10);
+  EXPECT_EQ(tree->depth(), 0);
+  int32_t value = 0;
+  EXPECT_FALSE(tree->first(value));
+}
+
+INSTANTIATE_TEST_SUITE_P(Orders, DeleteModel,
+                         ::testing::Values(Config{2, false}, Config{3, false}, Config{4, false},
+                                           Config{5, false}, Config{8, false}, Config{16, false},
+                                           Config{64, false}, Config{3, true}, Config{4, true},
+                                           Config{5, true}, Config{16, true}),
+                         [](const ::testing::TestParamInfo<Config>& info) {
+                           return "order" + std::to_string(info.param.order) +
+                                  (info.param.duplicates ? "dups" : "");
+                         });
+
+}  // namespace
