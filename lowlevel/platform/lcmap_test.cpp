@@ -1,0 +1,165 @@
+#include "lowlevel/platform/lcmap.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+
+namespace lowlevel {
+namespace platform {
+namespace {
+
+constexpr uint32_t kEnglish = 0x0409;
+constexpr uint32_t kTurkish = 0x041F;
+constexpr uint32_t kRussian = 0x0419;
+constexpr uint32_t kGreek = 0x0408;
+constexpr uint32_t kJapanese = 0x0411;
+constexpr uint32_t kKeyNoCase = kLcmapSortKey | kNormIgnoreCase;
+
+// Maps `text` with the size call first, then the fill call, and checks that both agree.
+std::string mapped(uint32_t lcid, uint32_t flags, const std::string& text) {
+  int needed = lcMapString(lcid, flags, text.data(), static_cast<int>(text.size()), nullptr, 0);
+  EXPECT_GT(needed, 0) << "error " << lastMapError();
+  if (needed <= 0) return "<failed>";
+  std::string out(static_cast<size_t>(needed) + 4, '#');
+  int written = lcMapString(lcid, flags, text.data(), static_cast<int>(text.size()), &out[0],
+                            static_cast<int>(out.size()));
+  EXPECT_EQ(written, needed);
+  EXPECT_EQ(out.substr(static_cast<size_t>(needed)), "####");  // nothing beyond the result
+  out.resize(static_cast<size_t>(needed));
+  return out;
+}
+
+TEST(LcMapSortKey, OrdersTextsAsTheLocaleDoes) {
+  EXPECT_LT(mapped(kEnglish, kKeyNoCase, "apple"), mapped(kEnglish, kKeyNoCase, "Banana"));
+  EXPECT_LT(mapped(kEnglish, kKeyNoCase, "Banana"), mapped(kEnglish, kKeyNoCase, "cherry"));
+  // Accents rank after the plain word and before any longer one; case is ignored.
+  std::string resume = mapped(kEnglish, kKeyNoCase, "resume");
+  std::string accented = mapped(kEnglish, kKeyNoCase, "r\xE9sum\xE9");
+  EXPECT_EQ(mapped(kEnglish, kKeyNoCase, "RESUME"), resume);
+  EXPECT_EQ(mapped(kEnglish, kKeyNoCase, "R\xC9SUM\xC9"), accented);
+  EXPECT_LT(resume, accented);
+  EXPECT_LT(accented, mapped(kEnglish, kKeyNoCase, "resumes"));
+  // Case counts without the flag; accents are ignored, case kept, with ignore-nonspace alone.
+  EXPECT_LT(mapped(kEnglish, kLcmapSortKey, "resume"), mapped(kEnglish, kLcmapSortKey, "Resume"));
+  uint32_t noAccent = kLcmapSortKey | kNormIgnoreNonSpace;
+  EXPECT_EQ(mapped(kEnglish, noAccent, "r\xE9sum\xE9"), mapped(kEnglish, noAccent, "resume"));
+  EXPECT_NE(mapped(kEnglish, noAccent, "Resume"), mapped(kEnglish, noAccent, "resume"));
+  // A key ends in its only zero byte.
+  EXPECT_EQ(accented.find('\0'), accented.size() - 1);
+}
+
+TEST(LcMapSortKey, HyphensWordSortStringSortAndSymbols) {
+  EXPECT_LT(mapped(kEnglish, kLcmapSortKey, "coop"), mapped(kEnglish, kLcmapSortKey, "co-op"));
+  EXPECT_LT(mapped(kEnglish, kLcmapSortKey, "co-op"), mapped(kEnglish, kLcmapSortKey, "coopa"));
+  uint32_t stringSort = kLcmapSortKey | kSortStringSort;
+  EXPECT_LT(mapped(kEnglish, stringSort, "co-op"), mapped(kEnglish, stringSort, "coop"));
+  uint32_t noSymbols = kLcmapSortKey | kNormIgnoreSymbols;
+  EXPECT_EQ(mapped(kEnglish, noSymbols, "co-op"), mapped(kEnglish, noSymbols, "coop"));
+  EXPECT_EQ(mapped(kEnglish, noSymbols, "c o,o$p!"), mapped(kEnglish, noSymbols, "coop"));
+}
+
+TEST(LcMapSortKey, DefaultIdentifiersAreTheRootLocale) {
+  std::string root = mapped(0, kLcmapSortKey,
+                            "Stra\xDF"
+                            "e");
+  for (uint32_t lcid : {0x0400u, 0x0800u, 0x007Fu}) {
+    EXPECT_EQ(mapped(lcid, kLcmapSortKey,
+                     "Stra\xDF"
+                     "e"),
+              root)
+        << lcid;
+  }
+  // Texts with -1 give the same key: the key's own zero is the terminator.
+  char key[64];
+  int size = lcMapString(0, kLcmapSortKey,
+                         "Stra\xDF"
+                         "e",
+                         -1, key, sizeof key);
+  EXPECT_EQ(std::string(key, static_cast<size_t>(size)), root);
+}
+
+TEST(LcMapText, CaseMappingFollowsLocaleAndCodePage) {
+  EXPECT_EQ(mapped(kEnglish, kLcmapLowercase, "\xC4\xD6\xDC xY"), "\xE4\xF6\xFC xy");
+  // Sharp s grows to SS, y diaeresis becomes 0x9F, micro has no capital in 1252 and stays.
+  EXPECT_EQ(mapped(kEnglish, kLcmapUppercase, "\xE4\xF6\xFC\xB5\xDF\xFF"),
+            "\xC4\xD6\xDC\xB5SS\x9F");
+  EXPECT_EQ(mapped(kEnglish, kNormIgnoreCase, "AbC"), "abc");
+  // Turkish in 1254: dotted capital I is 0xDD, dotless small i is 0xFD.
+  EXPECT_EQ(mapped(kTurkish, kLcmapUppercase, "i"), "\xDD");
+  EXPECT_EQ(mapped(kTurkish, kLcmapLowercase, "I"), "\xFD");
+  EXPECT_EQ(mapped(kEnglish, kLcmapUppercase, "i"), "I");
+  EXPECT_EQ(mapped(kEnglish, kLcmapLowercase, "I"), "i");
+  // Cyrillic in 1251, Greek final sigma in 1253.
+  EXPECT_EQ(mapped(kRussian, kLcmapUppercase, "\xE0\xE1\xE2\xB8"), "\xC0\xC1\xC2\xA8");
+  EXPECT_EQ(mapped(kRussian, kLcmapLowercase, "\xC0\xC1\xC2\xA8"), "\xE0\xE1\xE2\xB8");
+  EXPECT_EQ(mapped(kGreek, kLcmapLowercase, "\xD3\xC4\xD3\xD3 \xD3"), "\xF3\xE4\xF3\xF2 \xF3");
+}
+
+TEST(LcMapText, RemovalsFoldingsAndCopy) {
+  EXPECT_EQ(mapped(kEnglish, kNormIgnoreNonSpace, "R\xE9sum\xE9"), "Resume");
+  EXPECT_EQ(mapped(kEnglish, kNormIgnoreSymbols,
+                   "a b-c!d$e\xA7"
+                   "f"),
+            "abcdef");
+  EXPECT_EQ(mapped(kEnglish, kNormIgnoreSymbols | kLcmapUppercase, "\xE9-t\xE9"), "\xC9T\xC9");
+  // Flags 0 copy every byte, also those the code page leaves unassigned.
+  EXPECT_EQ(mapped(kEnglish, 0, std::string("a\x81\0b", 4)), std::string("a\x81\0b", 4));
+  // Code page 932: full-width A B to A B; hiragana a to katakana a.
+  EXPECT_EQ(mapped(kJapanese, kNormIgnoreWidth, "\x82\x60\x82\x61"), "AB");
+  EXPECT_EQ(mapped(kJapanese, kNormIgnoreKanaType, "\x82\xA0"), "\x83\x41");
+  EXPECT_EQ(mapped(kJapanese, kLcmapSortKey | kNormIgnoreWidth, "\x82\x60"),
+            mapped(kJapanese, kLcmapSortKey, "A"));
+}
+
+TEST(LcMapProtocol, SizesTerminatorAndRepeatedCalls) {
+  char out[16];
+  EXPECT_EQ(lcMapString(kEnglish, kLcmapLowercase, "ABC", -1, nullptr, 0), 4);
+  ASSERT_EQ(lcMapString(kEnglish, kLcmapLowercase, "ABC", -1, out, 4), 4);
+  EXPECT_EQ(std::string(out, 4), std::string("abc\0", 4));
+  EXPECT_EQ(lcMapString(kEnglish, kLcmapLowercase, "ABC", 3, out, 3), 3);
+  // The same buffer with new content, and the same text with other flags, map afresh.
+  char text[] = "ABC";
+  ASSERT_EQ(lcMapString(kEnglish, kLcmapLowercase, text, 3, out, sizeof out), 3);
+  text[1] = 'X';
+  ASSERT_EQ(lcMapString(kEnglish, kLcmapLowercase, text, 3, out, sizeof out), 3);
+  EXPECT_EQ(std::string(out, 3), "axc");
+  ASSERT_EQ(lcMapString(kRussian, kLcmapLowercase, "\xC0", 1, out, sizeof out), 1);
+  ASSERT_EQ(lcMapString(kEnglish, kLcmapLowercase, "\xC0", 1, out, sizeof out), 1);
+  EXPECT_EQ(out[0], '\xE0');
+  ASSERT_EQ(lcMapString(kEnglish, kLcmapUppercase, text, 3, out, sizeof out), 3);
+  EXPECT_EQ(std::string(out, 3), "AXC");
+}
+
+TEST(LcMapErrors, EachFailureHasItsCode) {
+  char out[8] = "-------";
+  auto failsWith = [&](uint32_t code, uint32_t lcid, uint32_t flags, const char* source, int length,
+                       char* destination, int capacity) {
+    EXPECT_EQ(lcMapString(lcid, flags, source, length, destination, capacity), 0);
+    EXPECT_EQ(lastMapError(), code) << lcid << " " << flags << " " << length << " " << capacity;
+  };
+  failsWith(kErrorInvalidParameter, 0x1234, kLcmapLowercase, "a", 1, out, 8);
+  failsWith(kErrorInvalidParameter, 0xFFFFFFFF, kLcmapSortKey, "a", 1, out, 8);
+  failsWith(kErrorInvalidParameter, kEnglish, kLcmapLowercase, nullptr, 1, out, 8);
+  failsWith(kErrorInvalidParameter, kEnglish, kLcmapLowercase, "a", 0, out, 8);
+  failsWith(kErrorInvalidParameter, kEnglish, kLcmapLowercase, "a", -2, out, 8);
+  failsWith(kErrorInvalidParameter, kEnglish, kLcmapLowercase, "a", 1, out, -1);
+  failsWith(kErrorInvalidParameter, kEnglish, kLcmapLowercase, "a", 1, nullptr, 8);
+  failsWith(kErrorInvalidFlags, kEnglish, 0x8, "a", 1, out, 8);
+  failsWith(kErrorInvalidFlags, kEnglish, kLcmapLowercase | kLcmapUppercase, "a", 1, out, 8);
+  failsWith(kErrorInvalidFlags, kEnglish, kLcmapSortKey | kLcmapLowercase, "a", 1, out, 8);
+  failsWith(kErrorInvalidFlags, kEnglish, kSortStringSort, "a", 1, out, 8);
+  failsWith(kErrorInsufficientBuffer, kEnglish, kLcmapLowercase, "ABCDEFGH", 8, out, 7);
+  failsWith(kErrorInsufficientBuffer, kEnglish, kLcmapLowercase, "ABC", -1, out, 3);
+  EXPECT_EQ(std::string(out), "-------");  // a failed call writes nothing
+  // A text that maps to nothing: 0, and no error.
+  failsWith(0, kEnglish, kNormIgnoreSymbols, "!?", 2, out, 8);
+  // The error belongs to the thread that failed.
+  failsWith(kErrorInvalidFlags, kEnglish, 0x8, "a", 1, out, 8);
+  std::thread([] { lcMapString(kEnglish, kLcmapLowercase, "a", 1, nullptr, 1); }).join();
+  EXPECT_EQ(lastMapError(), kErrorInvalidFlags);
+}
+
+}  // namespace
+}  // namespace platform
+}  // namespace lowlevel
