@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "compression/seektable.h"
+
 class ZfileCompression {
  public:
   ZfileCompression();
@@ -23,7 +25,8 @@ class ZfileCompression {
   // False for anything else, an empty file included, with getErrMsg() saying why. May move the
   // handle's position.
   bool startExpand();
-  // The first chunk: its offset on disk and its expanded size. Succeeds after a true startExpand.
+  // The first chunk: its offset on disk and its expanded size. Succeeds after a true startExpand,
+  // except on a file of zero frames (a compressed file of length 0): false, both outputs 0.
   bool chunkWalkFirst(int32_t& compressedOffset, int32_t& expandedSize);
   // The next chunk in file order; false after the last.
   bool chunkWalkNext(int32_t& compressedOffset, int32_t& expandedSize);
@@ -38,12 +41,21 @@ class ZfileCompression {
   const std::string& getErrMsg() const { return m_sErrMsg; }
 
  private:
-  struct Chunk {
-    int32_t compressedOffset;
-    uint32_t compressedSize;
-    uint32_t expandedSize;
-    uint32_t checksum;
+  // Owns a zstd decompression context. A copy starts without one and makes its own on first use,
+  // so that copies of a ZfileCompression never share or double-free a context.
+  class Decoder {
+   public:
+    Decoder() = default;
+    Decoder(const Decoder&) {}
+    Decoder& operator=(const Decoder&) { return *this; }
+    ~Decoder();
+    void* get();  // ZSTD_DCtx, null when it cannot be made
+
+   private:
+    void* m_pContext = nullptr;
   };
+
+  bool fail(const std::string& message);
 
   int m_nHandle = -1;
   int32_t m_lBaseOffset = 0;
@@ -51,11 +63,11 @@ class ZfileCompression {
   bool m_bHasChecksums = false;
   int32_t m_lUncompressedLength = 0;
   std::string m_sErrMsg;
-  std::vector<Chunk> m_vChunks;              // the seek table, in file order
-  std::map<int32_t, size_t> m_mChunkIndex;   // compressed offset -> index in m_vChunks
+  std::vector<lowlevel::compression::SeekEntry> m_vChunks;  // the seek table, in file order,
+                                                            // compressed offsets rising
   size_t m_nWalk = 0;
-  std::vector<char> m_vInput;                // compressed bytes of the chunk being expanded
-  void* m_pDecoder = nullptr;                // decompression context, made on first use
+  std::vector<char> m_vInput;  // compressed bytes of the chunk being expanded
+  Decoder m_decoder;
 };
 
 #endif
