@@ -1,0 +1,35 @@
+// A bound on walks over a tree. Internal to the BTree module.
+//
+// A sound tree never leads a walk to more pages than its file holds, so a walk that has read more
+// than that has met a corrupt link (a child that points at itself, at an ancestor or at a loop of
+// pages) and fails instead of going on for ever. The limit needs the file length, which costs a
+// system call, so it is only asked for once a walk has gone further than any sound tree of a
+// reasonable size would take it.
+#ifndef LOWLEVEL_BTREE_BTREE_WALK_H
+#define LOWLEVEL_BTREE_BTREE_WALK_H
+
+#include <cstdint>
+
+class BTreePageFile;
+
+// The most page records that the file can hold: (length - 46) / record size + 1 for an
+// uncompressed tree, length / compressed page head + 1 for a compressed one. 0 when the length
+// cannot be had.
+int32_t btreePageLimit(BTreePageFile& pageFile);
+
+class BTreeWalkBudget {
+ public:
+  // Steps allowed before the file length is asked for.
+  static constexpr int32_t kFreeSteps = 64;
+
+  explicit BTreeWalkBudget(BTreePageFile& pageFile) : pageFile_(pageFile) {}
+  // Counts one more page read; false once the walk has read more pages than the file can hold.
+  bool step();
+
+ private:
+  BTreePageFile& pageFile_;
+  int32_t steps_ = 0;
+  int32_t limit_ = -1;  // not asked for yet
+};
+
+#endif
