@@ -17,12 +17,15 @@ class BTreePageKey {
   // The same for a tree with duplicates: the key gets size - 4 bytes at most, and the last four
   // bytes of the slot hold `value` big-endian. `length` does not count the tail.
   BTreePageKey(unsigned size, const void* key, unsigned length, int32_t value);
+  // When a buffer cannot be allocated, the constructors and the assignment report "Out of Memory"
+  // and leave the empty key. A slot narrower than 4 bytes keeps no tail and no key bytes.
   BTreePageKey(const BTreePageKey& other);
   // Frees this key's buffer, then copies (assigning the empty key empties the slot).
   BTreePageKey& operator=(const BTreePageKey& other);
   ~BTreePageKey();
 
-  // Unsigned bytewise comparison over this key's size: negative when this key sorts first.
+  // Unsigned bytewise comparison over this key's size: negative when this key sorts first (-1, 0
+  // or 1). Keys of different sizes compare over the shorter size, then the shorter sorts first.
   int compare(const BTreePageKey& other) const;
 
   unsigned char* data;
@@ -34,10 +37,13 @@ class BTreePage {
  public:
   // An empty page of `order` (order 0 builds the placeholder, which exists only to be assigned to:
   // its arrays are null and maxKeys must not be used as a count).
+  // When an array cannot be allocated ("Out of Memory" is reported) the page is left a placeholder
+  // with order, maxKeys, keyCount and keyLength 0: isPlaceholder() tells, and every page write
+  // refuses it. Copying or assigning from a placeholder gives a placeholder and allocates nothing.
   BTreePage(unsigned order, unsigned keyLength);
   BTreePage(const BTreePage& other);
   // Rebuilds the arrays at the source's sizes, so a placeholder or a page of another order becomes
-  // a full copy.
+  // a full copy. Assigning a page to itself changes nothing.
   BTreePage& operator=(const BTreePage& other);
   ~BTreePage();
 

@@ -7,6 +7,7 @@
 #ifndef LOWLEVEL_BTREE_BTREEPAGEFILE_H
 #define LOWLEVEL_BTREE_BTREEPAGEFILE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -49,7 +50,9 @@ int64_t btreeRecordSize(int64_t order, int64_t keyLength);
 class BTreePageFile {
  public:
   // Opens an existing file at `offset` inside it (only a read-only file may have one). Failures are
-  // reported and leave ok false.
+  // reported and leave ok false. Besides a wrong version or magic, a header whose order is below 2,
+  // whose slot holds no key byte, whose record size does not fit 32 bits, whose compressed keys are
+  // wider than 32767 bytes, or whose file is too short for one record is "Invalid BTree (name).".
   BTreePageFile(const std::string& fileName, bool readOnly, int32_t offset);
   // Creates a new file, replacing one of that name: header and an empty root at offset 46.
   // `keyLength` is the caller's key width, without the value tail of a tree with duplicates.
@@ -61,23 +64,37 @@ class BTreePageFile {
   BTreePageFile& operator=(const BTreePageFile&) = delete;
 
   // Reads the page at logical `offset` into `page` (either form). On false `page` is unchanged.
+  // Refused: a record whose offset, order or keyLength differ from what is asked and the header,
+  // a keyCount above maxKeys, and in the compressed form a key length entry that is negative,
+  // wider than the slot, or 0 for a used key. The record's maxKeys and minKeys are not trusted: the
+  // page is built from the header.
   bool readPage(int32_t offset, BTreePage& page);
   // Writes `page`; a page with offset -1 gets a place (the head of the free chain, else the end of
   // the file). With isRoot, hdr.rootOffset becomes its offset. Rewrites the header afterwards.
+  // Refuses a page of another shape, a keyCount above maxKeys, an offset inside the header, and a
+  // free-chain entry that is not the start of a record or links to itself (a damaged file).
   bool writePage(BTreePage& page, bool isRoot);
   // Puts the record at `offset` at the front of the free chain (overwrites its first 4 bytes).
+  // An offset inside the header is refused.
   bool freePage(int32_t offset);
   // Sends the header to the file with the live keyCount, then flushes. True without writing when
   // read-only.
   bool writeHeader();
   // Writes `page` as a compressed record (the read-only compact form).
   bool WriteCompressed(BTreePage& page);
+  // Makes sure keyLengthTable exists (2 x hdr.order - 2 bytes, std::malloc'ed, freed by the
+  // destructor with std::free) and sets keyLengthTableSize. False when it cannot be allocated.
+  bool ensureKeyLengthTable();
+  // How many page records the file can hold at most, from its length: every record is at least
+  // 10 x order + 6 bytes (compressed) or the full record size. A walk of more levels or pages
+  // than this runs in a cycle of a corrupt file. At least 1; 0 when the length is unknown.
+  int64_t recordLimit();
 
   int32_t keyCount;  // the live key count; reaches the header at the next header write
   bool ok;
   ZFile file;
   BTreePageFileHdr hdr;
-  unsigned char* keyBuffer;
+  unsigned char* keyBuffer;  // keyBufferSize bytes, std::malloc'ed
   int keyBufferSize;
   bool readOnly;
   int32_t offsetStart;
@@ -88,6 +105,12 @@ class BTreePageFile {
  private:
   bool readUncompressedKeys(BTreePage& scratch);
   bool readCompressedBody(BTreePage& scratch);
+  bool readInts(int32_t* target, uint32_t count);
+  bool writeInts(const int32_t* source, uint32_t count);
+  bool allocateKeyBuffer();
+
+  unsigned char* ioBuffer = nullptr;  // scratch for numbers going to and from the file
+  size_t ioBufferSize = 0;
 };
 
 #endif

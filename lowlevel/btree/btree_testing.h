@@ -1,0 +1,173 @@
+// Test-only access to the insides of a BTree, and a checker that walks a whole tree on disk.
+// Included by the BTree module's tests only.
+#ifndef LOWLEVEL_BTREE_BTREE_TESTING_H
+#define LOWLEVEL_BTREE_BTREE_TESTING_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "lowlevel/btree/btree.h"
+#include "lowlevel/btree/btreepage.h"
+#include "lowlevel/btree/btreepagefile.h"
+
+struct BTreeTestAccess {
+  static BTreePageFile* pageFile(BTree& t) { return t.pageFile; }
+  static BTreePage* root(BTree& t) { return t.root; }
+  static BTreePage* curPage(BTree& t) { return t.curPage; }
+  static uint32_t curIndex(BTree& t) { return t.curIndex; }
+  static char* convertBuffer(BTree& t) { return t.convertBuffer; }
+  static int convertLength(BTree& t) { return t.convertLength; }
+  static int convertCapacity(BTree& t) { return t.convertCapacity; }
+  static uint32_t lcid(BTree& t) { return t.lcid; }
+  static uint32_t mapFlags(BTree& t) { return t.mapFlags; }
+  static int16_t spaceConversion(BTree& t) { return t.spaceConversion; }
+  static void setConversion(BTree& t, uint32_t lcid, uint32_t mapFlags, int16_t spaceConversion) {
+    t.lcid = lcid;
+    t.mapFlags = mapFlags;
+    t.spaceConversion = spaceConversion;
+  }
+  static bool convertKey(BTree& t, const char* key, int length) {
+    return t.convertKey(key, length);
+  }
+  static BTreePageKey prepareKey(BTree& t, const char* key, int length, int32_t value) {
+    return t.prepareKey(key, length, value);
+  }
+  static int32_t reverseLong(BTree& t, int32_t value) { return t.btreeReverseLong(value); }
+  static void clearCurPage(BTree& t) { t.clearCurPage(); }
+
+  // The slot bytes of a key as a string (empty for the empty key).
+  static std::string bytes(const BTreePageKey& key) {
+    return key.data == nullptr ? std::string()
+                               : std::string(reinterpret_cast<const char*>(key.data), key.size);
+  }
+
+  // Walks the tree on disk from its root and checks what every sound tree keeps: each page reads,
+  // each child names its parent, keys ascend within a page and across the whole tree, leaves lie
+  // at one depth with -1 children, interior pages have children 0..keyCount and -1 behind, unused
+  // slots are empty, every page but the root holds at least minKeys keys (unless `relaxed`), and
+  // the keys add up to the page file's keyCount. Returns "" when all hold, else what broke first.
+  // Bounded by the records the file can hold, so a damaged file cannot make it loop.
+  static std::string checkTree(BTree& t, bool relaxed = false) {
+    BTreePageFile* pf = t.pageFile;
+    if (pf == nullptr || !pf->ok || t.root == nullptr) return "no page file or root";
+    Walk walk;
+    walk.pf = pf;
+    walk.limit = pf->recordLimit();
+    walk.relaxed = relaxed;
+    BTreePage rootPage(0, 0);
+    if (!pf->readPage(pf->hdr.rootOffset, rootPage)) return "root does not read";
+    if (rootPage.parentOffset != -1) return "root has a parent";
+    std::string problem = walk.visit(rootPage, 0, true);
+    if (!problem.empty()) return problem;
+    if (walk.keys != pf->keyCount)
+      return "tree holds " + std::to_string(walk.keys) + " keys, keyCount says " +
+             std::to_string(pf->keyCount);
+    return "";
+  }
+
+  // Every key of the tree in order, by walking the pages (slot bytes, value).
+  static std::vector<std::pair<std::string, int32_t>> allEntries(BTree& t) {
+    std::vector<std::pair<std::string, int32_t>> out;
+    BTreePageFile* pf = t.pageFile;
+    if (pf == nullptr || !pf->ok) return out;
+    BTreePage rootPage(0, 0);
+    if (!pf->readPage(pf->hdr.rootOffset, rootPage)) return out;
+    int64_t budget = pf->recordLimit();
+    collect(pf, rootPage, out, budget);
+    return out;
+  }
+
+  // The number of records the walk from the root reaches (pages in use).
+  static int32_t pageCount(BTree& t) {
+    Walk walk;
+    walk.pf = t.pageFile;
+    walk.limit = walk.pf != nullptr ? walk.pf->recordLimit() : 0;
+    walk.relaxed = true;
+    BTreePage rootPage(0, 0);
+    if (walk.pf == nullptr || !walk.pf->readPage(walk.pf->hdr.rootOffset, rootPage)) return -1;
+    return walk.visit(rootPage, 0, true).empty() ? walk.pages : -1;
+  }
+
+  // The chain of free records, from freeListHead on (at most `limit` entries).
+  static std::vector<int32_t> freeChain(BTree& t, int limit = 1000) {
+    std::vector<int32_t> chain;
+    BTreePageFile* pf = t.pageFile;
+    if (pf == nullptr) return chain;
+    int32_t at = pf->hdr.freeListHead;
+    while (at != -1 && static_cast<int>(chain.size()) < limit) {
+      chain.push_back(at);
+      unsigned char link[4];
+      if (pf->file.Seek(at + pf->offsetStart, 0) != at + pf->offsetStart) break;
+      if (pf->file.Read(link, 4) != 4) break;
+      at = static_cast<int32_t>(link[0] | (link[1] << 8) | (link[2] << 16) |
+                                (static_cast<uint32_t>(link[3]) << 24));
+    }
+    return chain;
+  }
+
+ private:
+  struct Walk {
+    BTreePageFile* pf = nullptr;
+    int64_t limit = 0;
+    bool relaxed = false;
+    int32_t keys = 0;
+    int32_t pages = 0;
+    int leafDepth = -1;
+    bool havePrevious = false;
+    std::string previous;
+
+    std::string visit(const BTreePage& page, int depth, bool isRoot) {
+      if (++pages > limit) return "more pages than the file can hold";
+      const std::string at = " (page " + std::to_string(page.offset) + ")";
+      if (page.keyCount > page.maxKeys) return "keyCount above maxKeys" + at;
+      if (!isRoot && !relaxed && page.keyCount < page.minKeys) return "page under minKeys" + at;
+      for (uint32_t i = page.keyCount; i < page.maxKeys; ++i)
+        if (page.keys[i].data != nullptr) return "unused slot holds a key" + at;
+      const bool leaf = page.children[0] == -1;
+      for (uint32_t i = 0; i < page.order; ++i) {
+        const bool used = !leaf && i <= page.keyCount;
+        if (used == (page.children[i] == -1)) return "children do not match the keys" + at;
+      }
+      if (leaf) {
+        if (leafDepth == -1) leafDepth = depth;
+        if (leafDepth != depth) return "leaves at different depths" + at;
+      }
+      keys += static_cast<int32_t>(page.keyCount);
+      for (uint32_t i = 0; i <= page.keyCount; ++i) {
+        if (!leaf) {
+          BTreePage child(0, 0);
+          if (!pf->readPage(page.children[i], child))
+            return "child " + std::to_string(page.children[i]) + " does not read" + at;
+          if (child.parentOffset != page.offset) return "child names another parent" + at;
+          std::string problem = visit(child, depth + 1, false);
+          if (!problem.empty()) return problem;
+        }
+        if (i < page.keyCount) {
+          std::string key = bytes(page.keys[i]);
+          if (key.size() != page.keyLength) return "key of wrong size" + at;
+          if (havePrevious && !(previous < key)) return "keys out of order" + at;
+          previous = key;
+          havePrevious = true;
+        }
+      }
+      return "";
+    }
+  };
+
+  static void collect(BTreePageFile* pf, const BTreePage& page,
+                      std::vector<std::pair<std::string, int32_t>>& out, int64_t& budget) {
+    if (--budget < 0) return;
+    const bool leaf = page.children[0] == -1;
+    for (uint32_t i = 0; i <= page.keyCount && i < page.order; ++i) {
+      if (!leaf && page.children[i] != -1) {
+        BTreePage child(0, 0);
+        if (pf->readPage(page.children[i], child) && child.parentOffset == page.offset)
+          collect(pf, child, out, budget);
+      }
+      if (i < page.keyCount) out.emplace_back(bytes(page.keys[i]), page.values[i]);
+    }
+  }
+};
+
+#endif

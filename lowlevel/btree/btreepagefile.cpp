@@ -1,0 +1,494 @@
+// The page file: header, page records by logical offset, the free-page chain.
+#include "lowlevel/btree/btreepagefile.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "lowlevel/support/support.h"
+
+namespace {
+
+const char kModule[] = "btree";
+const char kOpenFunction[] = "BTreePageFile::BTreePageFile";
+
+void put32(unsigned char* out, int32_t value) {
+  const uint32_t v = static_cast<uint32_t>(value);
+  out[0] = static_cast<unsigned char>(v);
+  out[1] = static_cast<unsigned char>(v >> 8);
+  out[2] = static_cast<unsigned char>(v >> 16);
+  out[3] = static_cast<unsigned char>(v >> 24);
+}
+
+void put16(unsigned char* out, int16_t value) {
+  const uint16_t v = static_cast<uint16_t>(value);
+  out[0] = static_cast<unsigned char>(v);
+  out[1] = static_cast<unsigned char>(v >> 8);
+}
+
+int32_t get32(const unsigned char* in) {
+  return static_cast<int32_t>(static_cast<uint32_t>(in[0]) | (static_cast<uint32_t>(in[1]) << 8) |
+                              (static_cast<uint32_t>(in[2]) << 16) |
+                              (static_cast<uint32_t>(in[3]) << 24));
+}
+
+int16_t get16(const unsigned char* in) {
+  return static_cast<int16_t>(static_cast<uint16_t>(in[0] | (in[1] << 8)));
+}
+
+bool knownVersion(int32_t version) {
+  return version == kBTreeVersion1 || version == kBTreeVersion2 || version == kBTreeVersion3 ||
+         version == kBTreeVersion4;
+}
+
+// The most key bytes a compressed record can store for one key: the table entries are 16-bit.
+constexpr int32_t kMaxCompressedKeyBytes = 32767;
+
+// Gives the buffer of `from` to `to` (the slot's old buffer goes with `from`).
+void adoptKey(BTreePageKey& to, BTreePageKey& from) {
+  std::swap(to.data, from.data);
+  std::swap(to.length, from.length);
+  std::swap(to.size, from.size);
+}
+
+// Replaces the whole content of `page` by that of `scratch`; the old arrays go with `scratch`.
+void adoptPage(BTreePage& page, BTreePage& scratch) {
+  std::swap(page.offset, scratch.offset);
+  std::swap(page.parentOffset, scratch.parentOffset);
+  std::swap(page.order, scratch.order);
+  std::swap(page.maxKeys, scratch.maxKeys);
+  std::swap(page.minKeys, scratch.minKeys);
+  std::swap(page.keyCount, scratch.keyCount);
+  std::swap(page.keyLength, scratch.keyLength);
+  std::swap(page.keys, scratch.keys);
+  std::swap(page.values, scratch.values);
+  std::swap(page.children, scratch.children);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Header
+
+void BTreePageFileHdr::encode(unsigned char out[kBTreeHeaderSize]) const {
+  put32(out + 0, version);
+  put32(out + 4, magic);
+  put32(out + 8, headerSize);
+  put32(out + 12, keyLength);
+  put32(out + 16, order);
+  put16(out + 20, duplicates);
+  put16(out + 22, compressed);
+  put32(out + 24, keyCount);
+  put32(out + 28, rootOffset);
+  put32(out + 32, freeListHead);
+  put32(out + 36, static_cast<int32_t>(lcid));
+  put32(out + 40, static_cast<int32_t>(mapFlags));
+  put16(out + 44, spaceConversion);
+}
+
+void BTreePageFileHdr::decode(const unsigned char in[kBTreeHeaderSize]) {
+  version = get32(in + 0);
+  magic = get32(in + 4);
+  headerSize = get32(in + 8);
+  keyLength = get32(in + 12);
+  order = get32(in + 16);
+  duplicates = get16(in + 20);
+  compressed = get16(in + 22);
+  keyCount = get32(in + 24);
+  rootOffset = get32(in + 28);
+  freeListHead = get32(in + 32);
+  lcid = static_cast<uint32_t>(get32(in + 36));
+  mapFlags = static_cast<uint32_t>(get32(in + 40));
+  spaceConversion = get16(in + 44);
+}
+
+int64_t btreeRecordSize(int64_t order, int64_t keyLength) {
+  if (order < 1 || keyLength < 0 || order > INT32_MAX || keyLength > INT32_MAX) return -1;
+  const int64_t size = kBTreePageHeadSize + (order - 1) * keyLength + (order - 1) * 4 + order * 4;
+  return size > INT32_MAX ? -1 : size;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Opening and creating
+
+BTreePageFile::BTreePageFile(const std::string& fileName, bool readOnly_, int32_t offset)
+    : keyCount(0),
+      ok(false),
+      keyBuffer(nullptr),
+      keyBufferSize(0),
+      readOnly(readOnly_),
+      offsetStart(offset),
+      compressedWritePosition(0),
+      keyLengthTable(nullptr),
+      keyLengthTableSize(0) {
+  if (offset > 0 && !readOnly) {
+    reporterLL("You may not open a file with an offset for anything other than reading (" +
+                   fileName + ").",
+               kOpenFunction, eReportError, kModule, __LINE__);
+    return;
+  }
+  if (!file.Open(fileName, readOnly ? 0x8000 : 0x8002, 0)) {
+    reporterLL("Unable to open file (" + fileName + ").", kOpenFunction, eReportError, kModule,
+               __LINE__);
+    return;
+  }
+  if (file.Seek(offset, 0) != offset) {
+    reporterLL("Unable to seek to header in file (" + fileName + ").", kOpenFunction, eReportError,
+               kModule, __LINE__);
+    return;
+  }
+  unsigned char bytes[kBTreeHeaderSize];
+  if (file.Read(bytes, kBTreeHeaderSize) != kBTreeHeaderSize) {
+    reporterLL("Unable to read BTreePageFileHdr (" + fileName + ").", kOpenFunction, eReportError,
+               kModule, __LINE__);
+    return;
+  }
+  hdr.decode(bytes);
+  // Besides version and magic, a header whose shape cannot make a usable page is refused here,
+  // before anything is allocated by it: order below 2, a slot without key bytes, a record size
+  // beyond 32 bits, compressed key widths beyond the 16-bit table entries, and a file too short
+  // to hold even one record of that shape.
+  bool valid = knownVersion(hdr.version) && hdr.magic == kBTreeMagic;
+  if (valid) {
+    const int32_t keyRoom = hdr.keyLength - (hdr.duplicates != 0 ? 4 : 0);
+    const int64_t recordSize = btreeRecordSize(hdr.order, hdr.keyLength);
+    valid = hdr.order >= 2 && hdr.keyLength >= 1 && keyRoom >= 1 && recordSize > 0 &&
+            (hdr.compressed == 0 || keyRoom <= kMaxCompressedKeyBytes);
+    if (valid) {
+      const int64_t length = file.Length();
+      const int64_t minRecord =
+          hdr.compressed != 0 ? 10 * static_cast<int64_t>(hdr.order) + 6 : recordSize;
+      valid = length >= 0 && length - offset - kBTreeHeaderSize >= minRecord;
+    }
+  }
+  if (!valid) {
+    reporterLL("Invalid BTree (" + fileName + ").", kOpenFunction, eReportError, kModule,
+               __LINE__);
+    return;
+  }
+  if (hdr.version < kBTreeVersion4) hdr.spaceConversion = 0;
+  if (hdr.version < kBTreeVersion3) {
+    hdr.lcid = 0;
+    hdr.mapFlags = 0;
+  }
+  if (hdr.compressed != 0) {
+    if (!readOnly) {
+      reporterLL("Cannot modify a compressed BTree", kOpenFunction, eReportError, kModule,
+                 __LINE__);
+      return;
+    }
+    if (!ensureKeyLengthTable()) {
+      reporterLL("Out of Memory", kOpenFunction, eReportError, kModule, __LINE__);
+      return;
+    }
+  }
+  if (!allocateKeyBuffer()) {
+    reporterLL("Out of Memory", kOpenFunction, eReportError, kModule, __LINE__);
+    return;
+  }
+  keyCount = hdr.keyCount;
+  ok = true;
+}
+
+BTreePageFile::BTreePageFile(const std::string& fileName, int order, int keyLength,
+                             bool duplicates, uint32_t lcid, uint32_t mapFlags,
+                             int16_t spaceConversion)
+    : keyCount(0),
+      ok(false),
+      keyBuffer(nullptr),
+      keyBufferSize(0),
+      readOnly(false),
+      offsetStart(0),
+      compressedWritePosition(0),
+      keyLengthTable(nullptr),
+      keyLengthTableSize(0) {
+  // The owner refuses impossible shapes with its own report; the file is not touched for them.
+  const int64_t slot = static_cast<int64_t>(keyLength) + (duplicates ? 4 : 0);
+  if (order < 2 || keyLength < 1 || btreeRecordSize(order, slot) < 0) {
+    reporterLL("Invalid BTree (" + fileName + ").", kOpenFunction, eReportError, kModule,
+               __LINE__);
+    return;
+  }
+  if (!file.Open(fileName, 0x8502, 0x180)) {
+    reporterLL("Unable to create file (" + fileName + ").", kOpenFunction, eReportError, kModule,
+               __LINE__);
+    return;
+  }
+  hdr.version = kBTreeVersion4;
+  hdr.magic = kBTreeMagic;
+  hdr.headerSize = kBTreeHeaderSize;
+  hdr.keyLength = static_cast<int32_t>(slot);
+  hdr.order = order;
+  hdr.duplicates = duplicates ? 1 : 0;
+  hdr.compressed = 0;
+  hdr.keyCount = 0;
+  hdr.rootOffset = -1;
+  hdr.freeListHead = -1;
+  hdr.lcid = lcid;
+  hdr.mapFlags = mapFlags;
+  hdr.spaceConversion = spaceConversion;
+  unsigned char bytes[kBTreeHeaderSize];
+  hdr.encode(bytes);
+  if (file.Write(bytes, kBTreeHeaderSize) != kBTreeHeaderSize) {
+    reporterLL("Unable to write BTreePageFileHdr (" + fileName + ").", kOpenFunction,
+               eReportError, kModule, __LINE__);
+    return;
+  }
+  keyCount = 0;
+  // The key buffer is needed by writePage already (it supplies the zero bytes of empty slots).
+  if (!allocateKeyBuffer()) {
+    reporterLL("Out of Memory", kOpenFunction, eReportError, kModule, __LINE__);
+    return;
+  }
+  BTreePage rootPage(static_cast<unsigned>(hdr.order), static_cast<unsigned>(hdr.keyLength));
+  if (!writePage(rootPage, false)) {
+    reporterLL("Unable to write root (" + fileName + ").", kOpenFunction, eReportError, kModule,
+               __LINE__);
+    return;
+  }
+  hdr.rootOffset = rootPage.offset;
+  ok = true;
+}
+
+BTreePageFile::~BTreePageFile() {
+  if (ok) writeHeader();
+  std::free(keyBuffer);
+  std::free(keyLengthTable);
+  std::free(ioBuffer);
+}
+
+bool BTreePageFile::allocateKeyBuffer() {
+  if (keyBuffer != nullptr) return true;
+  keyBufferSize = hdr.keyLength * (hdr.order - 1);
+  keyBuffer = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(keyBufferSize) + 1));
+  return keyBuffer != nullptr;
+}
+
+bool BTreePageFile::ensureKeyLengthTable() {
+  if (keyLengthTable != nullptr) return true;
+  if (hdr.order < 2) return false;
+  keyLengthTableSize = 2 * hdr.order - 2;
+  keyLengthTable = static_cast<int16_t*>(std::malloc(static_cast<size_t>(keyLengthTableSize)));
+  if (keyLengthTable == nullptr) keyLengthTableSize = 0;
+  return keyLengthTable != nullptr;
+}
+
+int64_t BTreePageFile::recordLimit() {
+  if (hdr.order < 2) return 0;
+  const int64_t length = file.Length();
+  if (length < 0) return 0;
+  const int64_t minRecord = hdr.compressed != 0 ? 10 * static_cast<int64_t>(hdr.order) + 6
+                                                : btreeRecordSize(hdr.order, hdr.keyLength);
+  if (minRecord <= 0) return 0;
+  const int64_t room = length - offsetStart - kBTreeHeaderSize;
+  return room <= 0 ? 1 : room / minRecord + 1;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Numbers to and from the file
+
+bool BTreePageFile::readInts(int32_t* target, uint32_t count) {
+  const size_t bytes = static_cast<size_t>(count) * 4;
+  if (bytes > INT32_MAX) return false;
+  if (bytes > ioBufferSize) {
+    unsigned char* grown = static_cast<unsigned char*>(std::malloc(bytes));
+    if (grown == nullptr) return false;
+    std::free(ioBuffer);
+    ioBuffer = grown;
+    ioBufferSize = bytes;
+  }
+  if (bytes == 0) return true;
+  if (file.Read(ioBuffer, static_cast<int>(bytes)) != static_cast<int>(bytes)) return false;
+  for (uint32_t i = 0; i < count; ++i) target[i] = get32(ioBuffer + 4 * static_cast<size_t>(i));
+  return true;
+}
+
+bool BTreePageFile::writeInts(const int32_t* source, uint32_t count) {
+  const size_t bytes = static_cast<size_t>(count) * 4;
+  if (bytes > INT32_MAX) return false;
+  if (bytes > ioBufferSize) {
+    unsigned char* grown = static_cast<unsigned char*>(std::malloc(bytes));
+    if (grown == nullptr) return false;
+    std::free(ioBuffer);
+    ioBuffer = grown;
+    ioBufferSize = bytes;
+  }
+  for (uint32_t i = 0; i < count; ++i) put32(ioBuffer + 4 * static_cast<size_t>(i), source[i]);
+  return file.Write(ioBuffer, static_cast<int>(bytes)) == static_cast<int>(bytes);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Pages
+
+bool BTreePageFile::readPage(int32_t offset, BTreePage& page) {
+  if (hdr.order < 2 || hdr.keyLength < 1 || keyBuffer == nullptr) return false;
+  const int64_t position = static_cast<int64_t>(offset) + offsetStart;
+  if (offset < 0 || position > INT32_MAX) return false;
+  if (file.Seek(static_cast<int32_t>(position), 0) != position) return false;
+
+  BTreePage scratch(static_cast<unsigned>(hdr.order), static_cast<unsigned>(hdr.keyLength));
+  if (scratch.isPlaceholder()) return false;
+
+  if (hdr.compressed != 0) {
+    unsigned char head[kBTreeCompressedPageHeadSize];
+    if (file.Read(head, kBTreeCompressedPageHeadSize) != kBTreeCompressedPageHeadSize) return false;
+    scratch.offset = get32(head);
+    scratch.parentOffset = get32(head + 4);
+    scratch.keyCount = static_cast<uint32_t>(get32(head + 8));
+  } else {
+    unsigned char head[kBTreePageHeadSize];
+    if (file.Read(head, kBTreePageHeadSize) != kBTreePageHeadSize) return false;
+    scratch.offset = get32(head);
+    scratch.parentOffset = get32(head + 4);
+    // maxKeys and minKeys of the record are not trusted: the arrays are sized by the header.
+    const uint32_t order = static_cast<uint32_t>(get32(head + 8));
+    scratch.keyCount = static_cast<uint32_t>(get32(head + 20));
+    const uint32_t keyLength = static_cast<uint32_t>(get32(head + 24));
+    if (order != scratch.order || keyLength != scratch.keyLength) return false;
+  }
+  if (scratch.offset != offset) return false;
+  if (scratch.keyCount > scratch.maxKeys) return false;
+
+  if (hdr.compressed != 0) {
+    if (!readCompressedBody(scratch)) return false;
+  } else {
+    if (!readUncompressedKeys(scratch)) return false;
+    if (!readInts(scratch.values, scratch.maxKeys)) return false;
+  }
+  if (!readInts(scratch.children, scratch.order)) return false;
+  adoptPage(page, scratch);
+  return true;
+}
+
+bool BTreePageFile::readUncompressedKeys(BTreePage& scratch) {
+  if (file.Read(keyBuffer, keyBufferSize) != keyBufferSize) return false;
+  const uint32_t k = scratch.keyLength;
+  for (uint32_t i = 0; i < scratch.keyCount; ++i) {
+    BTreePageKey& key = scratch.keys[i];
+    key.data = static_cast<unsigned char*>(std::malloc(k));
+    if (key.data == nullptr) {
+      reporterLL("Out of Memory", "BTreePageKey::BTreePageKey", eReportError, kModule, __LINE__);
+      return false;
+    }
+    std::memcpy(key.data, keyBuffer + static_cast<size_t>(i) * k, k);
+    key.length = k;
+    key.size = k;
+  }
+  return true;
+}
+
+bool BTreePageFile::readCompressedBody(BTreePage& scratch) {
+  if (!ensureKeyLengthTable()) return false;
+  unsigned char* raw = reinterpret_cast<unsigned char*>(keyLengthTable);
+  if (file.Read(raw, keyLengthTableSize) != keyLengthTableSize) return false;
+  const uint32_t slots = static_cast<uint32_t>(keyLengthTableSize / 2);
+  const int32_t keyRoom = hdr.keyLength - (hdr.duplicates != 0 ? 4 : 0);
+  int64_t total = 0;
+  for (uint32_t i = 0; i < slots; ++i) {
+    const int16_t entry = get16(raw + 2 * static_cast<size_t>(i));
+    keyLengthTable[i] = entry;
+    // A used key stores at least one byte (0 would read as a terminated text); no key stores
+    // more than its slot holds.
+    if (entry < 0 || entry > keyRoom) return false;
+    if (i < scratch.keyCount && entry == 0) return false;
+    total += entry;
+  }
+  if (total > keyBufferSize) return false;
+  if (total > 0 && file.Read(keyBuffer, static_cast<int>(total)) != total) return false;
+  if (!readInts(scratch.values, scratch.maxKeys)) return false;
+  size_t p = 0;
+  const unsigned k = static_cast<unsigned>(hdr.keyLength);
+  for (uint32_t i = 0; i < scratch.keyCount && i < slots; ++i) {
+    const unsigned n = static_cast<unsigned>(keyLengthTable[i]);
+    BTreePageKey key = hdr.duplicates != 0
+                           ? BTreePageKey(k, keyBuffer + p, n, scratch.values[i])
+                           : BTreePageKey(k, keyBuffer + p, n);
+    if (key.data == nullptr) return false;
+    adoptKey(scratch.keys[i], key);
+    p += n;
+  }
+  return true;
+}
+
+bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
+  if (hdr.compressed != 0) return WriteCompressed(page);
+  if (page.isPlaceholder() || page.order != static_cast<uint32_t>(hdr.order) ||
+      page.keyLength != static_cast<uint32_t>(hdr.keyLength) || hdr.order < 2 ||
+      page.maxKeys != page.order - 1 || page.keyCount > page.maxKeys || keyBuffer == nullptr)
+    return false;
+  // Nothing is ever written over the header.
+  if (page.offset != -1 && page.offset < kBTreeHeaderSize) return false;
+  if (page.offset == -1) {
+    if (hdr.freeListHead != -1) {
+      const int32_t place = hdr.freeListHead;
+      const int64_t recordSize = btreeRecordSize(hdr.order, hdr.keyLength);
+      // A chain entry that is not the start of a record belongs to a damaged file.
+      if (place < kBTreeHeaderSize || (place - kBTreeHeaderSize) % recordSize != 0) return false;
+      if (file.Seek(place, 0) != place) return false;
+      unsigned char link[4];
+      if (file.Read(link, 4) != 4) return false;
+      const int32_t next = get32(link);
+      if (next == place) return false;  // a chain that loops onto itself
+      page.offset = place;
+      hdr.freeListHead = next;
+    } else {
+      if (file.Seek(0, 2) == -1) return false;
+      const int32_t end = file.Position();
+      if (end < kBTreeHeaderSize) return false;
+      page.offset = end;
+    }
+  }
+  if (file.Seek(page.offset, 0) != page.offset) return false;
+
+  unsigned char head[kBTreePageHeadSize];
+  put32(head, page.offset);
+  put32(head + 4, page.parentOffset);
+  put32(head + 8, static_cast<int32_t>(page.order));
+  put32(head + 12, static_cast<int32_t>(page.maxKeys));
+  put32(head + 16, static_cast<int32_t>(page.minKeys));
+  put32(head + 20, static_cast<int32_t>(page.keyCount));
+  put32(head + 24, static_cast<int32_t>(page.keyLength));
+  if (file.Write(head, kBTreePageHeadSize) != kBTreePageHeadSize) return false;
+
+  const int k = hdr.keyLength;
+  for (uint32_t i = 0; i < page.maxKeys; ++i) {
+    const BTreePageKey& key = page.keys[i];
+    const void* bytes = key.data;
+    if (key.data == nullptr || key.size != static_cast<uint32_t>(k)) {
+      // An empty slot is written as zeros; a key of a stray width is cut or padded to the slot.
+      const uint32_t width = static_cast<uint32_t>(k);
+      const uint32_t n = key.data == nullptr ? 0 : (key.size < width ? key.size : width);
+      if (n > 0) std::memcpy(keyBuffer, key.data, n);
+      std::memset(keyBuffer + n, 0, static_cast<size_t>(k) - n);
+      bytes = keyBuffer;
+    }
+    if (file.Write(bytes, k) != k) return false;
+  }
+  if (!writeInts(page.values, page.maxKeys)) return false;
+  if (!writeInts(page.children, page.order)) return false;
+  if (isRoot) hdr.rootOffset = page.offset;
+  writeHeader();
+  return true;
+}
+
+bool BTreePageFile::freePage(int32_t offset) {
+  if (offset < kBTreeHeaderSize) return false;
+  if (file.Seek(offset, 0) != offset) return false;
+  unsigned char link[4];
+  put32(link, hdr.freeListHead);
+  if (file.Write(link, 4) != 4) return false;
+  hdr.freeListHead = offset;
+  writeHeader();
+  return true;
+}
+
+bool BTreePageFile::writeHeader() {
+  if (readOnly) return true;
+  if (file.Seek(0, 0) == -1) return false;
+  hdr.keyCount = keyCount;
+  unsigned char bytes[kBTreeHeaderSize];
+  hdr.encode(bytes);
+  if (file.Write(bytes, kBTreeHeaderSize) != kBTreeHeaderSize) return false;
+  file.Flush();
+  return true;
+}
