@@ -124,13 +124,6 @@ class MapCache {
   MapCache() = default;
   MapCache(const MapCache&) = delete;
   MapCache& operator=(const MapCache&) = delete;
-  ~MapCache() {
-    for (auto& entry : collators_) ucol_close(entry.second);
-    for (auto& entry : codePages_) {
-      ucnv_close(entry.second.converter);
-      if (entry.second.roundTrip != nullptr) uset_close(entry.second.roundTrip);
-    }
-  }
 
   std::mutex mutex;
 
@@ -241,9 +234,10 @@ class MapCache {
   std::map<std::pair<uint32_t, uint32_t>, UCollator*> collators_;
 };
 
+// Never destroyed, so that it still serves calls made from other objects' destructors at exit.
 MapCache& cache() {
-  static MapCache instance;
-  return instance;
+  static MapCache* instance = new MapCache;
+  return *instance;
 }
 
 int32_t toInt32(size_t value) {
