@@ -1,0 +1,42 @@
+// The `lowlevel` tool: B-tree index files, compressed files and command lines from the shell.
+#include <cstdio>
+
+#include "tools/tool.h"
+
+int main(int argc, char** argv) {
+  ToolContext ctx;
+  CLI::App app{"lowlevel: B-tree index files, compressed files and command lines"};
+  app.set_version_flag("--version", "lowlevel 0.1.0");
+  app.add_option("--host", ctx.hostFile,
+                 "INI file naming the program, install and update directories, the volumes and the "
+                 "locations that logical paths (cd:\\..., c1:\\..., ed:\\...) resolve to");
+  app.add_flag("--json", ctx.json, "machine-readable output");
+  app.require_subcommand(1);
+  app.footer("Exit status: 0 success, 1 not found or check failed, 2 usage error, 3 file or I/O error.\n"
+             "Example: lowlevel --host host.ini btree get cd:\\index.btr apple");
+  addBtreeCommands(app, ctx);
+  addFileCommands(app, ctx);
+  addCmdlineCommands(app, ctx);
+  addDemoCommand(app, ctx);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    app.exit(e);
+    return kExitUsage;
+  }
+  if (!ctx.hostFile.empty()) {
+    std::string error;
+    if (!ctx.host.load(ctx.hostFile, &error)) return fail(kExitUsage, error);
+  }
+  setLowLevelSupportPtr(&ctx.host);
+  int code = ctx.action ? ctx.action() : kExitUsage;
+  setLowLevelSupportPtr(nullptr);
+  return code;
+}

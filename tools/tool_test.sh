@@ -1,0 +1,151 @@
+#!/usr/bin/env bash
+# End-to-end tests of the `lowlevel` program: real files, real exit codes, real output.
+set -u
+tool=${LOWLEVEL_TOOL:?set LOWLEVEL_TOOL to the built program}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+passed=0
+failed=0
+
+# expect NAME CODE EXPECTED_OUTPUT -- COMMAND...: exit code and standard output must match exactly.
+expect() {
+  local name=$1 code=$2 want=$3
+  shift 4
+  local got rc
+  got=$("$@" 2>"$work/stderr")
+  rc=$?
+  if [ "$rc" -eq "$code" ] && [ "$got" = "$want" ]; then
+    passed=$((passed + 1))
+  else
+    failed=$((failed + 1))
+    echo "FAIL: $name: exit $rc (wanted $code)"
+    echo "  got:    $(printf '%s' "$got" | head -c 600)"
+    echo "  wanted: $want"
+    echo "  stderr: $(head -c 600 "$work/stderr")"
+  fi
+}
+
+# expect_err NAME CODE PATTERN -- COMMAND...: exit code and a line of standard error matching.
+expect_err() {
+  local name=$1 code=$2 pattern=$3
+  shift 4
+  "$@" >/dev/null 2>"$work/stderr"
+  local rc=$?
+  if [ "$rc" -eq "$code" ] && grep -qE -- "$pattern" "$work/stderr"; then
+    passed=$((passed + 1))
+  else
+    failed=$((failed + 1))
+    echo "FAIL: $name: exit $rc (wanted $code), stderr: $(head -c 600 "$work/stderr")"
+  fi
+}
+
+# --- btree: create, load, get, put, replace, del, scan, range ---
+expect "create" 0 "created words.btr: order 5, key length 8" -- \
+  "$tool" btree create words.btr --order 5 --key-length 8
+printf 'pear\t3\napple\t1\nfig\t2\nkiwi\t4\nlime\t5\nplum\t6\nsloe\t7\n' > input.txt
+expect "load" 0 "words.btr: 7 added, 0 refused (present already or failed), 7 keys" -- \
+  "$tool" btree load words.btr input.txt
+expect "load refuses present keys" 0 "words.btr: 0 added, 7 refused (present already or failed), 7 keys" -- \
+  "$tool" btree load words.btr input.txt
+expect "get" 0 "3" -- "$tool" btree get words.btr pear
+expect "get absent" 1 "" -- "$tool" btree get words.btr grape
+expect "put" 0 "" -- "$tool" btree put words.btr grape 9
+expect "get after put" 0 "9" -- "$tool" btree get words.btr grape
+expect "replace" 0 "" -- "$tool" btree replace words.btr grape 10
+expect "get after replace" 0 "10" -- "$tool" btree get words.btr grape
+expect "del" 0 "" -- "$tool" btree del words.btr fig
+expect "del absent" 1 "" -- "$tool" btree del words.btr fig
+expect "scan" 0 "$(printf 'apple\t1\ngrape\t10\nkiwi\t4\nlime\t5\npear\t3\nplum\t6\nsloe\t7')" -- \
+  "$tool" btree scan words.btr
+expect "scan reverse limit" 0 "$(printf 'sloe\t7\nplum\t6')" -- \
+  "$tool" btree scan words.btr --reverse --limit 2
+expect "range inclusive" 0 "$(printf 'grape\t10\nkiwi\t4\nlime\t5')" -- \
+  "$tool" btree range words.btr g lime
+expect "range reverse" 0 "$(printf 'lime\t5\nkiwi\t4\ngrape\t10')" -- \
+  "$tool" btree range words.btr g lime --reverse
+expect "range json" 0 '[
+  {
+    "key": "kiwi",
+    "value": 4
+  }
+]' -- "$tool" --json btree range words.btr kiwi kiwi
+expect "check" 0 "words.btr: sound, 7 keys in 3 pages, 0 free, 0 backward links" -- \
+  "$tool" btree check words.btr
+
+# --- long and hex keys ---
+"$tool" btree create nums.btr --order 3 --key-length 4 >/dev/null
+printf '5\t50\n-1\t10\n300\t3\n' > nums.txt
+"$tool" btree load nums.btr nums.txt --long-keys >/dev/null
+expect "long keys in unsigned order" 0 "$(printf '5\t50\n300\t3\n-1\t10')" -- \
+  "$tool" btree scan nums.btr --long-keys
+expect "hex get" 0 "3" -- "$tool" btree get nums.btr 0000012c --hex
+
+# --- duplicates ---
+"$tool" btree create dups.btr --order 4 --key-length 6 --duplicates >/dev/null
+printf 'a\t2\na\t1\nb\t5\na\t3\n' | "$tool" btree load dups.btr >/dev/null
+expect "duplicates get all values" 0 "$(printf '1\n2\n3')" -- "$tool" btree get dups.btr a
+expect "duplicates del one entry" 0 "" -- "$tool" btree del dups.btr a --value 2
+expect "duplicates after del" 0 "$(printf '1\n3')" -- "$tool" btree get dups.btr a
+expect_err "duplicates replace refused" 1 "Duplicates are NOT supported" -- \
+  "$tool" btree replace dups.btr a 7
+
+# --- copies ---
+expect "order" 0 "order: words.btr -> ordered.btr" -- "$tool" btree order words.btr ordered.btr
+expect "repack" 0 "repack: words.btr -> packed.btr" -- "$tool" btree repack words.btr packed.btr --order 3
+expect "repacked scan equal" 0 "$("$tool" btree scan words.btr)" -- "$tool" btree scan packed.btr
+expect_err "compress refuses short keys" 3 "keylength less than 16" -- \
+  "$tool" btree compress words.btr small.cbt
+"$tool" btree create long.btr --order 7 --key-length 20 >/dev/null
+"$tool" btree load long.btr input.txt >/dev/null
+expect "compress" 0 "compress: long.btr -> long.cbt" -- "$tool" btree compress long.btr long.cbt
+expect "compressed scan equal" 0 "$("$tool" btree scan long.btr)" -- "$tool" btree scan long.cbt
+expect "compressed check" 0 "long.cbt: sound, 7 keys in 3 pages, 0 free, 0 backward links" -- \
+  "$tool" btree check long.cbt
+
+# --- pack, cat, unpack, logical paths ---
+seq 1 20000 > numbers.txt
+expect "pack" 0 "packed numbers.txt -> numbers.zst" -- "$tool" pack numbers.txt numbers.zst --chunk-size 4096
+expect "cat expands" 0 "$(cat numbers.txt)" -- "$tool" cat numbers.zst
+expect "unpack" 0 "" -- "$tool" unpack numbers.zst numbers.out
+cmp -s numbers.txt numbers.out && passed=$((passed + 1)) || { failed=$((failed + 1)); echo "FAIL: unpack bytes"; }
+if command -v zstd >/dev/null; then
+  expect "zstd reads packed files" 0 "$(cat numbers.txt)" -- zstd -dc numbers.zst
+fi
+mkdir -p vol1
+"$tool" pack long.cbt vol1/index.cbt >/dev/null
+printf '[volumes]\ncd = vol1/\n' > host.ini
+expect "logical path through a host file" 0 "4" -- "$tool" --host host.ini btree get 'cd:\index.cbt' kiwi
+expect_err "unconfigured volume" 3 "cannot open B-tree" -- "$tool" btree get 'cd:\index.cbt' kiwi
+
+# --- command lines ---
+expect "cmdline parse json" 0 '[
+  {
+    "name": "file",
+    "value": "my data.txt"
+  },
+  {
+    "name": "level",
+    "value": "3"
+  }
+]' -- "$tool" --json cmdline parse 'file={my data.txt} level=3'
+
+# --- errors ---
+expect_err "missing file" 3 "cannot open B-tree missing.btr" -- "$tool" btree get missing.btr x
+expect_err "usage" 2 "required" -- "$tool" btree create x.btr
+expect_err "bad order reported" 3 "cannot create B-tree bad.btr" -- \
+  "$tool" btree create bad.btr --order 1 --key-length 4
+printf 'garbage garbage garbage garbage garbage garbage garbage' > junk.btr
+expect_err "junk file" 3 "Invalid BTree" -- "$tool" btree info junk.btr
+expect_err "bad host file" 2 "host" -- "$tool" --host missing.ini btree get words.btr x
+expect_err "bad load line" 2 "expected KEY<TAB>VALUE" -- sh -c "echo nonsense | '$tool' btree load words.btr"
+
+# --- damage is found by check ---
+cp words.btr damaged.btr
+printf '\x01' | dd of=damaged.btr bs=1 seek=$((46 + 0)) conv=notrunc 2>/dev/null
+"$tool" btree check damaged.btr >/dev/null 2>&1
+rc=$?
+[ "$rc" -ne 0 ] && passed=$((passed + 1)) || { failed=$((failed + 1)); echo "FAIL: check of a damaged file exited $rc"; }
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
