@@ -47,20 +47,45 @@ extern ZOffsetMapTable offsetMapTable;
 class ZCompressedFileBase : public ZFileBase {
  public:
   ZCompressedFileBase();
+  // Wraps a handle opened elsewhere (not owned). A regular file is checked for compression and
+  // rewound to 0; a compressed one gets a private offset map. A device or pipe stays plain and
+  // unmoved. A failed stat is reported and leaves the object plain.
   explicit ZCompressedFileBase(int handle);
+  // A duplicate of the other's handle, owned, at the other's read position. A copy of a compressed
+  // file binds its own compression object to its duplicate and reads on its own: it shares the
+  // other's map when that comes from offsetMapTable, and takes a private copy of a private map.
+  // Its chunk cache starts cold. If the copy cannot read the file's chunk table, reads give 0.
   ZCompressedFileBase(const ZCompressedFileBase& other);
+  // Closed and owning, then Open; test IsOpen afterwards.
   ZCompressedFileBase(const std::string& path, unsigned short openFlags,
                       unsigned short permissionMode);
   ~ZCompressedFileBase() override;
+  // Makes the left side what a copy of the right side would be, keeping its own compression object
+  // and buffers: it first closes its handle if it owns it (a handle it was merely given is left
+  // open), forgets the chunks it held and frees its private map, then takes a duplicate of the
+  // right side's handle, owned, and the right side's kind and position. No two objects ever own one
+  // handle, compression object, buffer or map.
   ZCompressedFileBase& operator=(const ZCompressedFileBase& other);
 
+  // Opens the path. With the binary flag (0x8000) the file is checked for compression; a
+  // compressed file takes the map of its path from offsetMapTable, built by one walk over the
+  // chunks on the first open of that path. Rewinds to 0 (the plain file too). A private map held
+  // from the handle constructor is freed here; a map of the table is never freed by an object.
   bool Open(const std::string& path, unsigned short openFlags,
             unsigned short permissionMode) override;
+  // Forgets the chunks held (the buffers keep their memory) and closes the handle.
   bool Close() override;
+  // On a compressed file: the read position in expanded bytes, kept in the object.
   int32_t Position() override;
+  // On a compressed file: the expanded length.
   int32_t Length() override;
+  // On a compressed file no disk is touched: origin 0, 1 as usual, 2 counts a positive offset back
+  // from the end; any other origin keeps the position. The result is clamped to 0..Length().
   int32_t Seek(int32_t offset, int origin) override;
+  // On a compressed file: the bytes copied, fewer than asked only at the end of the data or after a
+  // failed expansion, 0 at the end; never negative. An object without a map reads 0.
   int Read(void* buffer, int count) override;
+  // On a compressed file nothing is written and the result is 0.
   int Write(const void* buffer, int count) override;
 
  protected:
@@ -75,8 +100,12 @@ class ZCompressedFileBase : public ZFileBase {
 
  private:
   void init();
+  // Makes the chunk holding m_lPosition the current buffer. A buffer whose expansion failed is
+  // re-keyed as free (-1), so a later hit never hands out what it holds.
   bool readBuffer();
   void flushCache();
+  void bindCopy(const ZCompressedFileBase& other);
+  void releasePrivateMap();
 };
 
 #endif
