@@ -1,0 +1,274 @@
+#include "compression/filecompression.h"
+
+#include <gtest/gtest.h>
+#include <xxhash.h>
+#include <zstd.h>
+
+#include <cstring>
+#include <functional>
+
+#include "lowlevel/platform/io.h"
+#include "compression/test_support_link.h"
+#include "tests/testsupport/testing.h"
+
+namespace {
+
+namespace io = lowlevel::platform;
+
+void put32(std::string& s, uint32_t v) {
+  for (int i = 0; i < 4; ++i) s.push_back(static_cast<char>(v >> (8 * i)));
+}
+void set32(std::string& s, size_t at, uint32_t v) {
+  for (int i = 0; i < 4; ++i) s[at + i] = static_cast<char>(v >> (8 * i));
+}
+
+std::string zframe(const std::string& data) {
+  std::string out(ZSTD_compressBound(data.size()), '\0');
+  out.resize(ZSTD_compress(&out[0], out.size(), data.data(), data.size(), 1));
+  return out;
+}
+
+// A seekable file made without the library: frames, then a table of the given sizes.
+struct Entry { std::string frame; uint32_t expanded; uint32_t checksum; };
+std::string seekable(const std::vector<Entry>& entries, bool checksums, uint8_t descriptorExtra = 0) {
+  std::string out, table;
+  for (const Entry& e : entries) {
+    out += e.frame;
+    put32(table, static_cast<uint32_t>(e.frame.size()));
+    put32(table, e.expanded);
+    if (checksums) put32(table, e.checksum);
+  }
+  put32(out, 0x184D2A5E);
+  put32(out, static_cast<uint32_t>(table.size() + 9));
+  out += table;
+  put32(out, static_cast<uint32_t>(entries.size()));
+  out.push_back(static_cast<char>((checksums ? 0x80 : 0) | descriptorExtra));
+  put32(out, 0x8F92EAB1);
+  return out;
+}
+Entry entry(const std::string& data) {
+  return {zframe(data), static_cast<uint32_t>(data.size()), static_cast<uint32_t>(XXH64(data.data(), data.size(), 0))};
+}
+
+std::string pattern(size_t n, unsigned seed) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 7 + seed) % 251 ^ (i >> 9));
+  return s;
+}
+
+class Reader : public ::testing::Test {
+ protected:
+  // Writes `bytes`, binds them and returns startExpand's answer.
+  bool open(const std::string& bytes) {
+    if (handle_ >= 0) io::close(handle_);
+    lltest::writeFile(dir_.file("f"), bytes);
+    handle_ = io::open(dir_.file("f").c_str(), io::kOpenReadOnly | io::kOpenBinary, 0);
+    z_.init(handle_, 0);
+    return z_.startExpand();
+  }
+  // Expands every chunk through the capacity protocol; "" with ok false on any failure.
+  std::string readAll(bool& ok) {
+    std::string all;
+    int32_t off = 0, size = 0;
+    ok = true;
+    for (bool more = z_.chunkWalkFirst(off, size); more; more = z_.chunkWalkNext(off, size)) {
+      int32_t length = 0;
+      std::vector<char> buf;
+      if (!z_.expandChunk(off, nullptr, length)) {
+        if (length != size) return ok = false, std::string();
+        buf.resize(static_cast<size_t>(length));
+        if (!z_.expandChunk(off, buf.data(), length)) return ok = false, std::string();
+      }
+      if (length != size) return ok = false, std::string();
+      all.append(buf.data(), static_cast<size_t>(length));
+    }
+    return all;
+  }
+  void TearDown() override { if (handle_ >= 0) io::close(handle_); }
+
+  lltest::TempDir dir_;
+  int handle_ = -1;
+  ZfileCompression z_;
+};
+
+TEST_F(Reader, IndependentFilesReadBackExactlyWithAndWithoutChecksums) {
+  const std::string a = pattern(1000, 1), c = pattern(333, 2);
+  for (bool sums : {true, false}) {
+    Entry ea = entry(a), eb = entry(""), ec = entry(c);
+    ASSERT_TRUE(open(seekable({ea, eb, ec}, sums, 0x03))) << z_.getErrMsg();  // bits 1-0 are ignored
+    EXPECT_EQ(1333, z_.uncompressedLength());
+    int32_t off = -1, size = -1;
+    ASSERT_TRUE(z_.chunkWalkFirst(off, size));
+    EXPECT_EQ(0, off); EXPECT_EQ(1000, size);
+    ASSERT_TRUE(z_.chunkWalkNext(off, size));
+    EXPECT_EQ(static_cast<int32_t>(ea.frame.size()), off); EXPECT_EQ(0, size);
+    ASSERT_TRUE(z_.chunkWalkNext(off, size));
+    EXPECT_EQ(static_cast<int32_t>(ea.frame.size() + eb.frame.size()), off); EXPECT_EQ(333, size);
+    EXPECT_FALSE(z_.chunkWalkNext(off, size));
+    bool ok = false;
+    EXPECT_EQ(a + c, readAll(ok));
+    EXPECT_TRUE(ok);
+  }
+}
+
+TEST_F(Reader, CapacityProtocol) {
+  const std::string a = pattern(500, 3);
+  Entry ea = entry(a), eb = entry("");
+  ASSERT_TRUE(open(seekable({ea, eb}, true)));
+  std::vector<char> buf(600, '#');
+  int32_t length = 0;
+  EXPECT_FALSE(z_.expandChunk(0, nullptr, length));
+  EXPECT_EQ(500, length);
+  length = 499;
+  EXPECT_FALSE(z_.expandChunk(0, buf.data(), length));
+  EXPECT_EQ(500, length);
+  EXPECT_EQ(std::string(600, '#'), std::string(buf.begin(), buf.end()));  // nothing decoded
+  length = 600;
+  EXPECT_TRUE(z_.expandChunk(0, buf.data(), length));
+  EXPECT_EQ(500, length);
+  EXPECT_EQ(a + std::string(100, '#'), std::string(buf.begin(), buf.end()));
+  length = 0;  // an empty chunk needs no buffer
+  EXPECT_TRUE(z_.expandChunk(static_cast<int32_t>(ea.frame.size()), nullptr, length));
+  EXPECT_EQ(0, length);
+  for (int32_t bad : {1, -1, static_cast<int32_t>(ea.frame.size() + eb.frame.size()), 1 << 30}) {
+    length = 600;
+    EXPECT_FALSE(z_.expandChunk(bad, buf.data(), length)) << bad;
+    EXPECT_EQ(0, length);
+    EXPECT_NE("", z_.getErrMsg());
+  }
+}
+
+TEST_F(Reader, InconsistentTablesAreNotCompressed) {
+  const std::string good = seekable({entry(pattern(300, 4)), entry(pattern(200, 5))}, true);
+  const size_t end = good.size(), table = end - 9 - 24 - 8;
+  using Edit = std::function<void(std::string&)>;
+  const std::vector<std::pair<const char*, Edit>> cases = {
+      {"empty", [](std::string& s) { s.clear(); }},
+      {"footer only", [](std::string& s) { s = s.substr(s.size() - 9); }},
+      {"last byte cut", [](std::string& s) { s.pop_back(); }},
+      {"first byte cut", [](std::string& s) { s.erase(0, 1); }},
+      {"byte added in front", [](std::string& s) { s.insert(0, 1, 'x'); }},
+      {"footer magic", [&](std::string& s) { s[end - 1] ^= 1; }},
+      {"skippable magic", [&](std::string& s) { set32(s, table, 0x184D2A5F); }},
+      {"frame size +1", [&](std::string& s) { set32(s, table + 4, 24 + 9 + 1); }},
+      {"frame size -1", [&](std::string& s) { set32(s, table + 4, 24 + 9 - 1); }},
+      {"reserved bit 2", [&](std::string& s) { s[end - 5] |= 0x04; }},
+      {"reserved bit 6", [&](std::string& s) { s[end - 5] |= 0x40; }},
+      {"checksum flag off", [&](std::string& s) { s[end - 5] &= 0x7F; }},
+      {"one frame more", [&](std::string& s) { set32(s, end - 9, 3); }},
+      {"count huge", [&](std::string& s) { set32(s, end - 9, 0xFFFFFFFF); }},
+      {"compressed size +1", [&](std::string& s) { s[table + 8] += 1; }},
+      {"compressed size -1", [&](std::string& s) { s[table + 8] -= 1; }},
+      {"sizes wrap 2^32", [&](std::string& s) {  // the 32-bit sum of the sizes is still right
+         set32(s, table + 8, static_cast<uint32_t>(table) + 0x10);
+         set32(s, table + 20, 0xFFFFFFF0u);
+       }},
+      {"plain text", [](std::string& s) { s = "just some text that is long enough to have a footer"; }},
+      {"bare zstd frame", [](std::string& s) { s = zframe(pattern(100, 6)); }},
+  };
+  for (const auto& [name, edit] : cases) {
+    std::string bytes = good;
+    edit(bytes);
+    EXPECT_FALSE(open(bytes)) << name;
+    EXPECT_NE("", z_.getErrMsg()) << name;
+    EXPECT_EQ(0, z_.uncompressedLength()) << name;
+    int32_t off = 7, size = 7;
+    EXPECT_FALSE(z_.chunkWalkFirst(off, size)) << name;
+  }
+  EXPECT_TRUE(open(good));
+  EXPECT_EQ("", z_.getErrMsg());
+}
+
+TEST_F(Reader, ExpandedTotalMustFitSigned32Bits) {
+  std::string f = zframe("ab");
+  EXPECT_TRUE(open(seekable({{f, 0x7FFFFFFF, 0}, {f, 0, 0}}, false)));
+  EXPECT_EQ(0x7FFFFFFF, z_.uncompressedLength());
+  int32_t length = 0;  // the needed size comes back without overflow, and the lie is found later
+  EXPECT_FALSE(z_.expandChunk(0, nullptr, length));
+  EXPECT_EQ(0x7FFFFFFF, length);
+  EXPECT_FALSE(open(seekable({{f, 0x7FFFFFFF, 0}, {f, 1, 0}}, false)));
+  EXPECT_FALSE(open(seekable({{f, 0xFFFFFFFF, 0}, {f, 2, 0}}, false)));  // wraps to 1 in 32 bits
+  EXPECT_FALSE(open(seekable({{f, 0x80000000u, 0}}, false)));
+  EXPECT_FALSE(open(seekable({{"", 0, 0}, {f, 2, 0}}, false)));  // a frame of compressed size 0
+  EXPECT_TRUE(open(seekable({}, true)));  // zero frames: compressed, length 0
+  EXPECT_EQ(0, z_.uncompressedLength());
+}
+
+TEST_F(Reader, LyingOrDamagedFramesFailWithLengthZero) {
+  const std::string a = pattern(400, 7), b = pattern(100, 8);
+  Entry ea = entry(a), eb = entry(b);
+  Entry longer = ea, shorter = ea, joined = ea, damaged = ea, badSum = ea;
+  longer.expanded = 401;
+  shorter.expanded = 399;
+  joined.frame += eb.frame;  // two frames under one entry
+  joined.expanded = 500;
+  damaged.frame.replace(8, 12, 12, '\xFF');
+  badSum.checksum ^= 0x100;
+  for (const Entry& e : {longer, shorter, joined, damaged, badSum}) {
+    ASSERT_TRUE(open(seekable({e}, true)));
+    std::vector<char> buf(600);
+    int32_t length = 600;
+    EXPECT_FALSE(z_.expandChunk(0, buf.data(), length));
+    EXPECT_EQ(0, length);
+    EXPECT_NE("", z_.getErrMsg());
+  }
+  EXPECT_NE(std::string::npos, z_.getErrMsg().find("checksum"));
+  z_.setCheckCRC(false);
+  std::vector<char> buf(400);
+  int32_t length = 400;
+  EXPECT_TRUE(z_.expandChunk(0, buf.data(), length));
+  EXPECT_EQ(a, std::string(buf.begin(), buf.end()));
+}
+
+TEST_F(Reader, EveryFailingIoCallGivesFalseAndAMessage) {
+  const std::string a = pattern(3000, 9), b = pattern(1000, 10);
+  const std::string bytes = seekable({entry(a), entry(b)}, true);
+  int failed = 0;
+  for (int k = 1;; ++k) {
+    ASSERT_LT(k, 100);
+    lltest::writeFile(dir_.file("f"), bytes);
+    int h = io::open(dir_.file("f").c_str(), io::kOpenReadOnly | io::kOpenBinary, 0);
+    ZfileCompression z;
+    std::string got;
+    bool ok;
+    {
+      lltest::FaultInjector fault({io::IoCall::Read, io::IoCall::Seek, io::IoCall::Length});
+      fault.failAt = {k};
+      z.init(h, 0);
+      ok = z.startExpand();
+      int32_t off = 0, size = 0;
+      for (bool more = ok && z.chunkWalkFirst(off, size); more; more = z.chunkWalkNext(off, size)) {
+        std::vector<char> buf(static_cast<size_t>(size));
+        int32_t length = size;
+        ok = z.expandChunk(off, buf.data(), length);
+        if (!ok) { EXPECT_EQ(0, length); break; }
+        got.append(buf.data(), static_cast<size_t>(length));
+      }
+      if (fault.failures == 0) { io::close(h); break; }
+    }
+    io::close(h);
+    ++failed;
+    EXPECT_FALSE(ok) << k;
+    EXPECT_NE("", z.getErrMsg()) << k;
+  }
+  EXPECT_GE(failed, 7);  // length, footer seek+read, table seek+read, two chunks' seek and read
+}
+
+TEST_F(Reader, CopiesDecodeOnTheirOwn) {
+  const std::string a = pattern(700, 11);
+  ASSERT_TRUE(open(seekable({entry(a)}, true)));
+  std::vector<char> buf(700);
+  int32_t length = 700;
+  ASSERT_TRUE(z_.expandChunk(0, buf.data(), length));
+  ZfileCompression copy(z_);
+  ZfileCompression assigned;
+  assigned = copy;
+  for (ZfileCompression* z : {&copy, &assigned}) {
+    std::fill(buf.begin(), buf.end(), 0);
+    length = 700;
+    EXPECT_TRUE(z->expandChunk(0, buf.data(), length));
+    EXPECT_EQ(a, std::string(buf.begin(), buf.end()));
+  }
+}
+
+}  // namespace
