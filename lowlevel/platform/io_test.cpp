@@ -1,0 +1,155 @@
+#include "lowlevel/platform/io.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "tests/testsupport/testing.h"
+
+namespace io = lowlevel::platform;
+
+namespace {
+
+TEST(PlatformIo, OpenFlagsMapToAccessModes) {
+  lltest::TempDir dir;
+  std::string path = dir.file("a.bin");
+  // Read-only does not create.
+  EXPECT_EQ(-1, io::open(path.c_str(), io::kOpenReadOnly, 0));
+  int h = io::open(path.c_str(), io::kOpenCreate | io::kOpenReadWrite | io::kOpenBinary,
+                   io::kPermRead | io::kPermWrite);
+  ASSERT_GE(h, 0);
+  EXPECT_EQ(5, io::write(h, "hello", 5));
+  EXPECT_EQ(0, io::close(h));
+  EXPECT_EQ(-1, io::close(h));  // not open any more
+
+  // Exclusive create refuses an existing file; both access bits together are no mode.
+  EXPECT_EQ(-1, io::open(path.c_str(), io::kOpenCreate | io::kOpenExclusive | io::kOpenWriteOnly,
+                         io::kPermWrite));
+  EXPECT_EQ(-1, io::open(path.c_str(), io::kOpenWriteOnly | io::kOpenReadWrite, 0));
+
+  // Read-only refuses writes; write-only refuses reads.
+  char buf[8];
+  h = io::open(path.c_str(), io::kOpenReadOnly, 0);
+  EXPECT_EQ(-1, io::write(h, "x", 1));
+  io::close(h);
+  h = io::open(path.c_str(), io::kOpenWriteOnly, 0);
+  EXPECT_EQ(-1, io::read(h, buf, 1));
+  io::close(h);
+
+  // Append writes at the end whatever the position; truncate empties.
+  h = io::open(path.c_str(), io::kOpenWriteOnly | io::kOpenAppend, 0);
+  io::lseek(h, 0, 0);
+  EXPECT_EQ(1, io::write(h, "!", 1));
+  io::close(h);
+  EXPECT_EQ("hello!", lltest::readFile(path));
+  h = io::open(path.c_str(), io::kOpenWriteOnly | io::kOpenTruncate, 0);
+  io::close(h);
+  EXPECT_EQ("", lltest::readFile(path));
+
+  // A file created without the write permission is read-only.
+  std::string ro = dir.file("ro.bin");
+  h = io::open(ro.c_str(), io::kOpenCreate | io::kOpenWriteOnly, io::kPermRead);
+  ASSERT_GE(h, 0);
+  io::close(h);
+  auto perms = std::filesystem::status(ro).permissions();
+  EXPECT_EQ(std::filesystem::perms::none, perms & std::filesystem::perms::owner_write);
+}
+
+TEST(PlatformIo, BackslashesSeparateAndDirectoriesAreRefused) {
+  lltest::TempDir dir;
+  std::filesystem::create_directory(dir.file("sub"));
+  lltest::writeFile(dir.file("sub/f.txt"), "abc");
+  std::string backslashed = dir.path() + "\\sub\\f.txt";
+  int h = io::open(backslashed.c_str(), io::kOpenReadOnly, 0);
+  ASSERT_GE(h, 0);
+  char buf[4] = {};
+  EXPECT_EQ(3, io::read(h, buf, 4));
+  EXPECT_STREQ("abc", buf);
+  EXPECT_EQ(0, io::read(h, buf, 4));
+  io::close(h);
+  EXPECT_EQ(-1, io::open(dir.file("sub").c_str(), io::kOpenReadOnly, 0));
+  EXPECT_EQ(-1, io::open((dir.path() + "\\sub").c_str(), io::kOpenReadOnly, 0));
+
+  char out[8];
+  io::toHostPath("a\\b\\cdefgh", out, sizeof out);
+  EXPECT_STREQ("a/b/cde", out);  // cut to the capacity, terminated
+}
+
+TEST(PlatformIo, SeekOutOfRangeFailsWithoutMoving) {
+  lltest::TempDir dir;
+  lltest::writeFile(dir.file("f"), "0123456789");
+  int h = io::open(dir.file("f").c_str(), io::kOpenReadOnly, 0);
+  ASSERT_GE(h, 0);
+  EXPECT_EQ(4, io::lseek(h, 4, 0));
+  EXPECT_EQ(-1, io::lseek(h, -5, 1));
+  EXPECT_EQ(-1, io::lseek(h, -11, 2));
+  EXPECT_EQ(-1, io::lseek(h, INT32_MAX, 1));
+  EXPECT_EQ(-1, io::lseek(h, 0, 3));
+  EXPECT_EQ(4, io::tell(h));
+  EXPECT_EQ(7, io::lseek(h, 3, 1));
+  EXPECT_EQ(8, io::lseek(h, -2, 2));
+  EXPECT_EQ(20, io::lseek(h, 10, 2));  // past the end is allowed
+  EXPECT_EQ(10, io::filelength(h));
+
+  // A duplicate shares the position.
+  int d = io::dup(h);
+  ASSERT_GE(d, 0);
+  io::lseek(d, 2, 0);
+  EXPECT_EQ(2, io::tell(h));
+  io::close(d);
+  io::close(h);
+  EXPECT_EQ(-1, io::tell(-1));
+  EXPECT_EQ(-1, io::filelength(-1));
+  EXPECT_EQ(-1, io::dup(-1));
+}
+
+TEST(PlatformIo, StatTellsRegularFilesFromPipes) {
+  lltest::TempDir dir;
+  lltest::writeFile(dir.file("f"), "xyz");
+  int h = io::open(dir.file("f").c_str(), io::kOpenReadOnly, 0);
+  io::FileStat st;
+  ASSERT_EQ(0, io::fstat(h, &st));
+  EXPECT_EQ(0x8000, st.mode);
+  EXPECT_EQ(3, st.size);
+  io::close(h);
+  int fds[2];
+  ASSERT_EQ(0, ::pipe(fds));
+  ASSERT_EQ(0, io::fstat(fds[0], &st));
+  EXPECT_EQ(io::kModeFifo, st.mode);
+  ::close(fds[0]);
+  ::close(fds[1]);
+  EXPECT_EQ(-1, io::fstat(-1, &st));
+}
+
+TEST(PlatformIo, FaultHookFailsAndTearsCalls) {
+  lltest::TempDir dir;
+  std::string path = dir.file("t");
+  int h = io::open(path.c_str(), io::kOpenCreate | io::kOpenReadWrite, io::kPermWrite);
+  ASSERT_GE(h, 0);
+  {
+    lltest::FaultInjector torn({io::IoCall::Write});
+    torn.writeLimit = 3;
+    EXPECT_EQ(3, io::write(h, "abcdef", 6));
+    torn.writeLimit = -1;
+    torn.failAt = {2};
+    EXPECT_EQ(-1, io::write(h, "zz", 2));
+    EXPECT_EQ(1, torn.failures);  // the torn write is no failure; only call 2 failed
+  }
+  EXPECT_EQ("abc", lltest::readFile(path));
+  {
+    lltest::FaultInjector all;
+    all.failHandle = h;
+    EXPECT_EQ(-1, io::lseek(h, 0, 0));
+    EXPECT_EQ(-1, io::tell(h));
+    EXPECT_EQ(-1, io::filelength(h));
+    EXPECT_EQ(-1, io::dup(h));
+    all.failHandle = -1;
+    all.failFrom = all.count + 1;
+    EXPECT_EQ(-1, io::open(path.c_str(), io::kOpenReadOnly, 0));
+  }
+  EXPECT_EQ(0, io::close(h));
+}
+
+}  // namespace
