@@ -31,6 +31,7 @@ void BM_RandomDelete(benchmark::State& state) {
     if (next == keys.size()) {
       state.PauseTiming();
       tree.reset();
+      std::filesystem::remove(benchPath());
       tree = std::make_unique<BTree>(benchPath(), order, 4, false, 0, 0, 0);
       std::shuffle(keys.begin(), keys.end(), rng);
       for (int32_t key : keys) tree->insertKey(key, key);
