@@ -5,6 +5,7 @@
 #include <cstring>
 #include <utility>
 
+#include "lowlevel/platform/io.h"
 #include "lowlevel/support/support.h"
 
 namespace {
@@ -127,7 +128,9 @@ BTreePageFile::BTreePageFile(const std::string& fileName, bool readOnly_, int32_
                kOpenFunction, eReportError, kModule, __LINE__);
     return;
   }
-  if (!file.Open(fileName, readOnly ? 0x8000 : 0x8002, 0)) {
+  namespace io = lowlevel::platform;
+  if (!file.Open(fileName, io::kOpenBinary | (readOnly ? io::kOpenReadOnly : io::kOpenReadWrite),
+                 0)) {
     reporterLL("Unable to open file (" + fileName + ").", kOpenFunction, eReportError, kModule,
                __LINE__);
     return;
@@ -209,7 +212,12 @@ BTreePageFile::BTreePageFile(const std::string& fileName, int order, int keyLeng
                __LINE__);
     return;
   }
-  if (!file.Open(fileName, 0x8502, 0x180)) {
+  // Binary, read-write, created and truncated, owner read and write. (The exclusive flag must not
+  // be in it: creating replaces an existing file.)
+  namespace io = lowlevel::platform;
+  if (!file.Open(fileName,
+                 io::kOpenBinary | io::kOpenTruncate | io::kOpenCreate | io::kOpenReadWrite,
+                 io::kPermRead | io::kPermWrite)) {
     reporterLL("Unable to create file (" + fileName + ").", kOpenFunction, eReportError, kModule,
                __LINE__);
     return;

@@ -1,0 +1,343 @@
+#include "lowlevel/btree/btreepagefile.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <string>
+
+#include "tests/testsupport/testing.h"
+
+namespace {
+
+using lowlevel::platform::IoCall;
+
+const std::string kEmpty102(
+    "\x00\x04\x01\x00KBT1\x2E\x00\x00\x00\x04\x00\x00\x00\x03\x00\x00\x00\x00\x00\x00\x00"
+    "\x00\x00\x00\x00\x2E\x00\x00\x00\xFF\xFF\xFF\xFF\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00"
+    "\x2E\x00\x00\x00\xFF\xFF\xFF\xFF\x03\x00\x00\x00\x02\x00\x00\x00\x01\x00\x00\x00"
+    "\x00\x00\x00\x00\x04\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00"
+    "\x00\x00\x00\x00\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF",
+    102);
+
+std::string le32(int32_t v) {
+  std::string s(4, '\0');
+  for (int i = 0; i < 4; ++i) s[i] = static_cast<char>((static_cast<uint32_t>(v) >> (8 * i)) & 0xFF);
+  return s;
+}
+
+void patch(std::string& bytes, size_t at, const std::string& with) { bytes.replace(at, with.size(), with); }
+
+std::string makeEmpty(const lltest::TempDir& dir, const std::string& name = "t.bt") {
+  std::string path = dir.file(name);
+  { BTreePageFile pf(path, 3, 4, false, 0, 0, 0); }
+  return path;
+}
+
+std::vector<std::string> messages(const lltest::RecordingSupport& s) {
+  std::vector<std::string> out;
+  for (const auto& r : s.reports) out.push_back(r.message);
+  return out;
+}
+
+TEST(BTreePageFile, EmptyFileByteForByteAndHeaderLag) {
+  lltest::TempDir dir;
+  std::string path = dir.file("t.bt");
+  lltest::writeFile(path, std::string(500, 'x'));  // creating truncates
+  {
+    BTreePageFile pf(path, 3, 4, false, 0, 0, 0);
+    ASSERT_TRUE(pf.ok);
+    EXPECT_EQ(pf.hdr.rootOffset, 46);
+    std::string onDisk = lltest::readFile(path);
+    ASSERT_EQ(onDisk.size(), 102u);
+    EXPECT_EQ(onDisk.substr(28, 4), le32(-1));  // root offset lags until the next header write
+    EXPECT_EQ(onDisk.substr(46), kEmpty102.substr(46));
+    BTreePageFile second(path, true, 0);  // header is valid, the root read at -1 fails
+    ASSERT_TRUE(second.ok);
+    BTreePage page(0, 0);
+    EXPECT_FALSE(second.readPage(second.hdr.rootOffset, page));
+  }
+  EXPECT_EQ(lltest::readFile(path), kEmpty102);
+}
+
+TEST(BTreePageFile, OpeningRefusesWithExactMessages) {
+  lltest::TempDir dir;
+  std::string good = lltest::readFile(makeEmpty(dir));
+  auto openWith = [&](const std::string& bytes, bool readOnly) {
+    lltest::writeFile(dir.file("x.bt"), bytes);
+    lltest::RecordingSupport support;
+    BTreePageFile pf(dir.file("x.bt"), readOnly, 0);
+    EXPECT_FALSE(pf.ok);
+    return messages(support);
+  };
+  const std::vector<std::string> invalid = {"Invalid BTree (" + dir.file("x.bt") + ")."};
+  std::string bad = good;
+  patch(bad, 0, le32(0x00010500));
+  EXPECT_EQ(openWith(bad, true), invalid);
+  for (int i = 4; i < 8; ++i) {
+    bad = good;
+    bad[i] ^= 0x20;
+    EXPECT_EQ(openWith(bad, true), invalid) << "magic byte " << i;
+  }
+  bad = good;
+  patch(bad, 16, le32(1));  // order 1
+  EXPECT_EQ(openWith(bad, true), invalid);
+  bad = good;
+  patch(bad, 12, le32(0));  // key length 0
+  EXPECT_EQ(openWith(bad, true), invalid);
+  bad = good;
+  patch(bad, 12, le32(0x7FFFFFF0));  // record size beyond 32 bits
+  EXPECT_EQ(openWith(bad, true), invalid);
+  bad = good;
+  patch(bad, 16, le32(4));  // file too short for one record of order 4
+  EXPECT_EQ(openWith(bad, true), invalid);
+  EXPECT_EQ(openWith(good.substr(0, 45), true),
+            std::vector<std::string>{"Unable to read BTreePageFileHdr (" + dir.file("x.bt") + ")."});
+  bad = good;
+  bad[22] = 1;  // compressed
+  EXPECT_EQ(openWith(bad, false), std::vector<std::string>{"Cannot modify a compressed BTree"});
+
+  lltest::RecordingSupport support;
+  { BTreePageFile pf(dir.file("missing.bt"), true, 0); EXPECT_FALSE(pf.ok); }
+  { BTreePageFile pf(dir.file("missing.bt"), false, 5); EXPECT_FALSE(pf.ok); }
+  { BTreePageFile pf(dir.file("no/such/dir.bt"), 3, 4, false, 0, 0, 0); EXPECT_FALSE(pf.ok); }
+  ASSERT_EQ(support.reports.size(), 3u);
+  EXPECT_EQ(support.reports[0].message, "Unable to open file (" + dir.file("missing.bt") + ").");
+  EXPECT_EQ(support.reports[1].message,
+            "You may not open a file with an offset for anything other than reading (" +
+                dir.file("missing.bt") + ").");
+  EXPECT_EQ(support.reports[2].message, "Unable to create file (" + dir.file("no/such/dir.bt") + ").");
+  EXPECT_EQ(support.reports[0].function, "BTreePageFile::BTreePageFile");
+  EXPECT_EQ(support.reports[0].flag, eReportError);
+  EXPECT_EQ(support.reports[0].module, "btree");
+  EXPECT_FALSE(lltest::fileExists(dir.file("missing.bt")));
+}
+
+TEST(BTreePageFile, CreationWriteFailuresReport) {
+  lltest::TempDir dir;
+  const std::string path = dir.file("t.bt");
+  const std::string expected[] = {"Unable to write BTreePageFileHdr (" + path + ").",
+                                  "Unable to write root (" + path + ")."};
+  for (int k = 1; k <= 2; ++k) {
+    lltest::RecordingSupport support;
+    lltest::FaultInjector faults({IoCall::Write});
+    faults.failAt = {k};
+    { BTreePageFile pf(path, 3, 4, false, 0, 0, 0); EXPECT_FALSE(pf.ok); }
+    EXPECT_EQ(messages(support), std::vector<std::string>{expected[k - 1]});
+  }
+  // Each failing call of an opening gives one of its reports; the header seek is among them.
+  std::set<std::string> seen;
+  makeEmpty(dir);
+  for (int k = 1;; ++k) {
+    lltest::RecordingSupport support;
+    lltest::FaultInjector faults;
+    faults.failAt = {k};
+    BTreePageFile pf(path, true, 0);
+    for (const auto& m : messages(support)) seen.insert(m);
+    ASSERT_EQ(support.reports.size(), pf.ok ? 0u : 1u);
+    if (pf.ok && faults.failures == 0) break;
+    ASSERT_LT(k, 30);
+  }
+  for (const std::string& m : seen)
+    EXPECT_TRUE(m == "Unable to open file (" + path + ")." ||
+                m == "Unable to seek to header in file (" + path + ")." ||
+                m == "Unable to read BTreePageFileHdr (" + path + ")." ||
+                m == "Invalid BTree (" + path + ").") << m;
+  EXPECT_EQ(seen.count("Unable to seek to header in file (" + path + ")."), 1u);
+}
+
+TEST(BTreePageFile, VersionsClearWhatTheyIgnore) {
+  lltest::TempDir dir;
+  std::string bytes = lltest::readFile(makeEmpty(dir));
+  patch(bytes, 36, std::string("\x09\x04\x00\x00\x01\x04\x00\x00\x07\x00", 10));
+  struct Case { int32_t version; uint32_t lcid, flags; int16_t space; } cases[] = {
+      {kBTreeVersion1, 0, 0, 0}, {kBTreeVersion2, 0, 0, 0},
+      {kBTreeVersion3, 0x409, 0x401, 0}, {kBTreeVersion4, 0x409, 0x401, 7}};
+  for (const Case& c : cases) {
+    patch(bytes, 0, le32(c.version));
+    lltest::writeFile(dir.file("v.bt"), bytes);
+    {
+      BTreePageFile pf(dir.file("v.bt"), false, 0);
+      ASSERT_TRUE(pf.ok);
+      EXPECT_EQ(pf.hdr.lcid, c.lcid);
+      EXPECT_EQ(pf.hdr.mapFlags, c.flags);
+      EXPECT_EQ(pf.hdr.spaceConversion, c.space);
+    }
+    std::string after = lltest::readFile(dir.file("v.bt"));  // the update stored what counts
+    EXPECT_EQ(after.substr(0, 4), le32(c.version));
+    EXPECT_EQ(after.substr(36, 4), le32(static_cast<int32_t>(c.lcid)));
+    EXPECT_EQ(after.substr(44, 2), std::string(1, static_cast<char>(c.space)) + '\0');
+  }
+}
+
+TEST(BTreePageFile, FreeChainLastFreedFirstReused) {
+  lltest::TempDir dir;
+  const std::string path = makeEmpty(dir);
+  BTreePageFile pf(path, false, 0);
+  ASSERT_TRUE(pf.ok);
+  BTreePage a(3, 4), b(3, 4);
+  ASSERT_TRUE(pf.writePage(a, false));
+  ASSERT_TRUE(pf.writePage(b, false));
+  EXPECT_EQ(a.offset, 102);
+  EXPECT_EQ(b.offset, 158);
+  const std::string before = lltest::readFile(path);
+  ASSERT_TRUE(pf.freePage(102));
+  ASSERT_TRUE(pf.freePage(158));
+  EXPECT_EQ(pf.hdr.freeListHead, 158);
+  std::string expected = before;
+  patch(expected, 102, le32(-1));
+  patch(expected, 158, le32(102));
+  patch(expected, 32, le32(158));
+  EXPECT_EQ(lltest::readFile(path), expected);  // only link words and the header changed
+
+  BTreePage c(3, 4), d(3, 4), e(3, 4);
+  ASSERT_TRUE(pf.writePage(c, false));
+  EXPECT_EQ(c.offset, 158);
+  EXPECT_EQ(pf.hdr.freeListHead, 102);
+  ASSERT_TRUE(pf.writePage(d, true));
+  EXPECT_EQ(d.offset, 102);
+  EXPECT_EQ(pf.hdr.freeListHead, -1);
+  EXPECT_EQ(pf.hdr.rootOffset, 102);
+  ASSERT_TRUE(pf.writePage(e, false));
+  EXPECT_EQ(e.offset, 214);
+  // A page with a place is rewritten there and leaves the chain alone.
+  ASSERT_TRUE(pf.freePage(214));
+  c.keyCount = 1;
+  c.keys[0] = BTreePageKey(4, "ab", 2);
+  ASSERT_TRUE(pf.writePage(c, false));
+  EXPECT_EQ(pf.hdr.freeListHead, 214);
+  BTreePage back(0, 0);
+  ASSERT_TRUE(pf.readPage(158, back));
+  EXPECT_EQ(back.keyCount, 1u);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(back.keys[0].data), 4), std::string("ab\0\0", 4));
+  // A damaged chain that loops onto itself is not followed.
+  pf.freePage(158);
+  pf.freePage(158);
+  BTreePage f(3, 4);
+  EXPECT_FALSE(pf.writePage(f, false));
+}
+
+TEST(BTreePageFile, ReadPageRefusesBadRecordsAndKeepsThePage) {
+  lltest::TempDir dir;
+  std::string good = lltest::readFile(makeEmpty(dir));
+  good += good.substr(46);  // a second record at 102, offset field patched below
+  patch(good, 102, le32(102));
+  patch(good, 122, le32(1));  // keyCount 1
+  patch(good, 130, "abcd");
+  auto readAt = [&](const std::string& bytes, int32_t offset, BTreePage& page) {
+    lltest::writeFile(dir.file("r.bt"), bytes);
+    BTreePageFile pf(dir.file("r.bt"), true, 0);
+    return pf.ok && pf.readPage(offset, page);
+  };
+  BTreePage page(3, 4);
+  page.keyCount = 1;
+  page.keys[0] = BTreePageKey(4, "keep", 4);
+  ASSERT_TRUE(readAt(good, 102, page));
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(page.keys[0].data), 4), "abcd");
+  EXPECT_EQ(page.keys[1].data, nullptr);  // unused slot stays empty
+  page.keys[0] = BTreePageKey(4, "keep", 4);
+  struct Bad { size_t at; int32_t value; int32_t offset; } bads[] = {
+      {102, 102, 106},  // not the start of a record
+      {102, 102, -1},   {102, 0, 102},  // stored offset differs
+      {122, 3, 102},    // keyCount above maxKeys
+      {122, -1, 102},   {110, 4, 102},  // order differs from the header
+      {126, 5, 102}};   // key length differs
+  for (const Bad& b : bads) {
+    std::string bytes = good;
+    patch(bytes, b.at, le32(b.value));
+    EXPECT_FALSE(readAt(bytes, b.offset, page)) << b.at << " " << b.value;
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(page.keys[0].data), 4), "keep");
+  }
+  for (size_t cut = 103; cut < good.size(); cut += 9)
+    EXPECT_FALSE(readAt(good.substr(0, cut), 102, page)) << cut;
+}
+
+TEST(BTreePageFile, ReadOnlyAtAnOffsetAndWritesRefused) {
+  lltest::TempDir dir;
+  std::string tree = lltest::readFile(makeEmpty(dir));
+  patch(tree, 24, le32(5));
+  lltest::writeFile(dir.file("big.bin"), std::string(1000, '\x5A') + tree + "tail");
+  BTreePageFile pf(dir.file("big.bin"), true, 1000);
+  ASSERT_TRUE(pf.ok);
+  EXPECT_EQ(pf.keyCount, 5);
+  BTreePage root(0, 0);
+  ASSERT_TRUE(pf.readPage(46, root));
+  EXPECT_EQ(root.order, 3u);
+  EXPECT_FALSE(pf.readPage(1046, root));
+  pf.keyCount = 9;
+  EXPECT_TRUE(pf.writeHeader());
+  EXPECT_FALSE(pf.writePage(root, true));
+  EXPECT_FALSE(pf.freePage(46));
+  BTreePage other(4, 4);
+  EXPECT_FALSE(pf.writePage(other, false));
+  EXPECT_EQ(lltest::readFile(dir.file("big.bin")), std::string(1000, '\x5A') + tree + "tail");
+}
+
+TEST(BTreePageFile, CompressedRecordsRebuildSlots) {
+  lltest::TempDir dir;
+  std::string hdr = lltest::readFile(makeEmpty(dir)).substr(0, 46);
+  patch(hdr, 12, le32(20));
+  hdr[22] = 1;
+  const std::string record = le32(46) + le32(-1) + le32(2) + std::string("\x02\x00\x03\x00", 4) +
+                             "ababc" + le32(7) + le32(9) + le32(-1) + le32(-1) + le32(-1);
+  ASSERT_EQ(record.size(), 41u);
+  auto open = [&](const std::string& h, const std::string& r, BTreePage& page) {
+    lltest::writeFile(dir.file("c.bt"), h + r + std::string(60, '\0'));
+    BTreePageFile pf(dir.file("c.bt"), true, 0);
+    EXPECT_TRUE(pf.ok);
+    EXPECT_EQ(pf.keyLengthTableSize, 4);
+    return pf.ok && pf.readPage(46, page);
+  };
+  BTreePage page(0, 0);
+  ASSERT_TRUE(open(hdr, record, page));
+  EXPECT_EQ(page.keyCount, 2u);
+  EXPECT_EQ(page.keys[0].size, 20u);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(page.keys[1].data), 20), "abc" + std::string(17, '\0'));
+  EXPECT_EQ(page.values[1], 9);
+
+  std::string dupHdr = hdr;
+  patch(dupHdr, 12, le32(24));
+  dupHdr[20] = 1;
+  ASSERT_TRUE(open(dupHdr, record, page));
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(page.keys[0].data), 24),
+            "ab" + std::string(18, '\0') + std::string("\0\0\0\x07", 4));
+  // Table entries that cannot be: negative, wider than the slot, 0 for a used key.
+  for (const char* table : {"\xFF\xFF\x03\x00", "\x15\x00\x03\x00", "\x00\x00\x05\x00",
+                            "\x02\x00\x00\x00"}) {
+    std::string bad = record;
+    patch(bad, 12, std::string(table, 4));
+    EXPECT_FALSE(open(hdr, bad, page)) << table;
+  }
+}
+
+// Every I/O call of each writing operation fails in turn: the operation answers false, and the file
+// still opens and its root still reads afterwards.
+TEST(BTreePageFile, EveryIoFailureOfWritingOperations) {
+  lltest::TempDir dir;
+  for (int op = 0; op < 3; ++op) {
+    for (int k = 1;; ++k) {
+      const std::string path = makeEmpty(dir);
+      bool done;
+      int failures;
+      {
+        BTreePageFile pf(path, false, 0);
+        ASSERT_TRUE(pf.ok);
+        BTreePage page(3, 4);
+        ASSERT_TRUE(pf.writePage(page, false));
+        lltest::FaultInjector faults;
+        faults.failAt = {k};
+        BTreePage fresh(3, 4);
+        done = op == 0 ? pf.writePage(fresh, true) : op == 1 ? pf.freePage(102) : pf.writeHeader();
+        failures = faults.failures;
+      }
+      BTreePageFile reopened(path, true, 0);
+      ASSERT_TRUE(reopened.ok);
+      BTreePage root(0, 0);
+      EXPECT_TRUE(reopened.readPage(46, root));
+      if (done && failures == 0) break;
+      ASSERT_LT(k, 20);
+    }
+  }
+}
+
+}  // namespace
