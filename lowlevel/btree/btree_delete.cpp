@@ -9,6 +9,7 @@
 #include <deque>
 
 #include "lowlevel/btree/btree.h"
+#include "lowlevel/btree/btree_walk.h"
 #include "lowlevel/btree/btreepage.h"
 #include "lowlevel/btree/btreepagefile.h"
 #include "lowlevel/support/support.h"
@@ -40,18 +41,6 @@ void removeKeyAndChild(BTreePage& page, uint32_t keyIndex, uint32_t childIndex) 
 }
 
 bool isRoot(const BTreePage& page) { return page.parentOffset == -1; }
-
-// The most pages that any walk in this file can meet: every record that fits in it (a compressed
-// record is at least its head long). 0 when the length cannot be had, so a walk then fails.
-int32_t pageBound(BTreePageFile& pageFile) {
-  int64_t length = pageFile.file.Length();
-  int64_t record = pageFile.hdr.compressed
-                       ? kBTreeCompressedPageHeadSize
-                       : btreeRecordSize(pageFile.hdr.order, pageFile.hdr.keyLength);
-  if (length < 0 || record <= 0) return 0;
-  int64_t records = length > kBTreeHeaderSize ? (length - kBTreeHeaderSize) / record + 1 : 1;
-  return records > INT32_MAX ? INT32_MAX : static_cast<int32_t>(records);
-}
 
 // Reads the page at `offset`, gives it `parentOffset` and writes it back.
 bool reparent(BTreePageFile& pageFile, int32_t offset, int32_t parentOffset) {
@@ -147,7 +136,7 @@ bool BTree::internalDeleteKey(BTreePageKey& key) {
 // tree of order 2 has pages without keys (one child each) on that way; they hold nothing, and
 // they leave the tree together with the key that stood beside them.
 bool BTree::deleteFromInterior(BTreePage& page, uint32_t index) {
-  int32_t bound = pageBound(*pageFile);
+  int32_t bound = btreePageLimit(*pageFile);
   std::deque<BTreePage> way;
   int32_t next = page.children[index + 1];
   for (;;) {
@@ -202,7 +191,7 @@ bool BTree::deleteFromInterior(BTreePage& page, uint32_t index) {
   return true;
 }
 
-bool BTree::AdjustTree(BTreePage& page) { return AdjustTree(page, pageBound(*pageFile)); }
+bool BTree::AdjustTree(BTreePage& page) { return AdjustTree(page, btreePageLimit(*pageFile)); }
 
 bool BTree::AdjustTree(BTreePage& page, int32_t levelsLeft) {
   if (isRoot(page)) return true;
@@ -292,7 +281,7 @@ bool BTree::Redistribute(uint32_t separator, BTreePage& left, BTreePage& parent,
 
 bool BTree::Concatenate(uint32_t separator, BTreePage& left, BTreePage& parent,
                         BTreePage& right) {
-  return Concatenate(separator, left, parent, right, pageBound(*pageFile));
+  return Concatenate(separator, left, parent, right, btreePageLimit(*pageFile));
 }
 
 bool BTree::Concatenate(uint32_t separator, BTreePage& left, BTreePage& parent, BTreePage& right,
