@@ -8,7 +8,6 @@
 #include <functional>
 
 #include "lowlevel/platform/io.h"
-#include "compression/test_support_link.h"
 #include "tests/testsupport/testing.h"
 
 namespace {

@@ -6,7 +6,6 @@
 #include <cstdlib>
 
 #include "compression/filecompression.h"
-#include "compression/test_support_link.h"
 #include "compression/zstdcompression.h"
 #include "lowlevel/platform/io.h"
 #include "tests/testsupport/testing.h"
