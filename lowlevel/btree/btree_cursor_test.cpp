@@ -1,0 +1,242 @@
+// The cursor (first, last, next, prev, the current key and its depth) and the whole-tree walks
+// (inOrder, test).
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "lowlevel/btree/btree.h"
+#include "lowlevel/btree/btree_testing.h"
+#include "lowlevel/btree/btreepage.h"
+#include "lowlevel/btree/btreepagefile.h"
+#include "tests/testsupport/testing.h"
+
+namespace {
+
+std::string be4(uint32_t v) {
+  return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16),
+                     static_cast<char>(v >> 8), static_cast<char>(v)};
+}
+
+class CursorTest : public ::testing::Test {
+ protected:
+  std::unique_ptr<BTree> create(int order, int keyLength, bool duplicates = false) {
+    path = dir.file("tree" + std::to_string(++made) + ".bt");
+    auto tree = std::make_unique<BTree>(path, order, keyLength, duplicates, 0u, 0u, int16_t{0});
+    EXPECT_TRUE(tree->isOk());
+    return tree;
+  }
+  // Order 3 filled with 1..n in order (value 100 + key). For n = 8: root 382 [4]; interior
+  // 158 [2] and 326 [6]; leaves [1] [3] [5] [7 8].
+  std::unique_ptr<BTree> sequence(int n) {
+    auto tree = create(3, 4);
+    for (int32_t k = 1; k <= n; ++k) EXPECT_TRUE(tree->insertKey(100 + k, k));
+    return tree;
+  }
+  bool hasCursor(BTree& tree) { return BTreeTestAccess::curPage(tree) != nullptr; }
+
+  lltest::TempDir dir;
+  std::string path;
+  int made = 0;
+};
+
+TEST_F(CursorTest, EndsOfTheTreeDropTheCursor) {
+  int32_t v = 0;
+  {
+    auto tree = create(5, 4);
+    EXPECT_FALSE(tree->first(v));
+    EXPECT_FALSE(tree->last(v));
+    EXPECT_FALSE(tree->next(v));
+    EXPECT_FALSE(tree->prev(v));
+    EXPECT_EQ(tree->depth(), 0);
+  }
+  auto tree = create(5, 4);
+  for (const char* k : {"b", "c", "a"}) ASSERT_TRUE(tree->insertKey(k[0], k, 0));
+  ASSERT_TRUE(tree->first(v));
+  EXPECT_EQ(v, 'a');
+  ASSERT_TRUE(tree->next(v));
+  EXPECT_EQ(v, 'b');
+  ASSERT_TRUE(tree->next(v));
+  EXPECT_EQ(v, 'c');
+  EXPECT_FALSE(tree->next(v));
+  EXPECT_FALSE(hasCursor(*tree));
+  EXPECT_FALSE(tree->prev(v)) << "the cursor is gone after running off the end";
+  ASSERT_TRUE(tree->first(v));
+  EXPECT_FALSE(tree->prev(v));
+  EXPECT_FALSE(hasCursor(*tree));
+  ASSERT_TRUE(tree->last(v));
+  EXPECT_EQ(v, 'c');
+  EXPECT_FALSE(tree->next(v));
+  EXPECT_FALSE(hasCursor(*tree));
+  EXPECT_EQ(tree->depth(), 0);
+}
+
+TEST_F(CursorTest, StepsAcrossLevelsInBothDirections) {
+  auto tree = sequence(8);
+  EXPECT_EQ(tree->depth(), 2);
+  int32_t v = 0;
+  int depth = -1, index = -1;
+  ASSERT_TRUE(tree->first(v));
+  EXPECT_EQ(v, 101);
+  ASSERT_TRUE(tree->getCurrentKeyDepthAndIndex(depth, index));
+  EXPECT_EQ(std::make_pair(depth, index), std::make_pair(2, 0));
+  ASSERT_TRUE(tree->last(v));
+  EXPECT_EQ(v, 108);
+  ASSERT_TRUE(tree->getCurrentKeyDepthAndIndex(depth, index));
+  EXPECT_EQ(std::make_pair(depth, index), std::make_pair(2, 1));
+
+  // From an interior key: the neighbours are in the subtrees beside it, not in the root.
+  ASSERT_TRUE(tree->find(v, int32_t{6}));
+  ASSERT_TRUE(tree->next(v));
+  EXPECT_EQ(v, 107);
+  ASSERT_TRUE(tree->find(v, int32_t{6}));
+  ASSERT_TRUE(tree->prev(v));
+  EXPECT_EQ(v, 105);
+  // From 3, the last key of a last child of a first child: two levels up to the root in one step.
+  ASSERT_TRUE(tree->find(v, int32_t{3}));
+  ASSERT_TRUE(tree->next(v));
+  EXPECT_EQ(v, 104);
+  EXPECT_EQ(BTreeTestAccess::curPage(*tree)->offset, BTreeTestAccess::root(*tree)->offset);
+  ASSERT_TRUE(tree->getCurrentKeyDepthAndIndex(depth, index));
+  EXPECT_EQ(std::make_pair(depth, index), std::make_pair(0, 0));
+  ASSERT_TRUE(tree->find(v, int32_t{5}));
+  ASSERT_TRUE(tree->prev(v));
+  EXPECT_EQ(v, 104);
+
+  std::vector<int32_t> forward, backward;
+  for (bool more = tree->first(v); more; more = tree->next(v)) forward.push_back(v);
+  for (bool more = tree->last(v); more; more = tree->prev(v)) backward.push_back(v);
+  EXPECT_EQ(forward, (std::vector<int32_t>{101, 102, 103, 104, 105, 106, 107, 108}));
+  EXPECT_EQ(backward, (std::vector<int32_t>{108, 107, 106, 105, 104, 103, 102, 101}));
+}
+
+TEST_F(CursorTest, CurrentKeyTellsTheSizeItNeedsAndWritesNoTerminator) {
+  auto tree = create(5, 6);
+  ASSERT_TRUE(tree->insertKey(1, "key", 0));
+  char buffer[8];
+  std::memset(buffer, '#', sizeof buffer);
+  int length = 3;
+  EXPECT_FALSE(tree->getCurrentKey(buffer, length));
+  EXPECT_EQ(length, 3) << "no cursor";
+  int32_t v = 0;
+  ASSERT_TRUE(tree->first(v));
+  length = 5;
+  EXPECT_FALSE(tree->getCurrentKey(buffer, length));
+  EXPECT_EQ(length, 6);
+  EXPECT_EQ(std::string(buffer, 8), "########");
+  ASSERT_TRUE(tree->getCurrentKey(buffer, length));
+  EXPECT_EQ(length, 6);
+  EXPECT_EQ(std::string(buffer, 8), std::string("key\0\0\0##", 8));
+  int32_t number = 77;
+  EXPECT_FALSE(tree->getCurrentKey(number)) << "a key of 6 bytes is no long key";
+  EXPECT_EQ(number, 77);
+
+  auto wide = create(3, 20, true);
+  ASSERT_TRUE(wide->insertKey(-1, "x", 0));
+  ASSERT_TRUE(wide->first(v));
+  char big[32];
+  length = sizeof big;
+  ASSERT_TRUE(wide->getCurrentKey(big, length));
+  EXPECT_EQ(length, 20);
+
+  auto longs = create(3, 4);
+  ASSERT_TRUE(longs->insertKey(5, int32_t{0x01020304}));
+  ASSERT_TRUE(longs->first(v));
+  length = 4;
+  ASSERT_TRUE(longs->getCurrentKey(buffer, length));
+  EXPECT_EQ(std::string(buffer, 4), be4(0x01020304));
+  ASSERT_TRUE(longs->getCurrentKey(number));
+  EXPECT_EQ(number, 0x01020304);
+}
+
+TEST_F(CursorTest, FailedReadDropsTheCursorButStepsInsideAPageNeedNoFile) {
+  auto tree = sequence(8);
+  int32_t v = 0;
+  ASSERT_TRUE(tree->last(v));
+  {
+    lltest::FaultInjector faults;
+    faults.failFrom = 1;
+    ASSERT_TRUE(tree->prev(v));
+    EXPECT_EQ(v, 107);
+    EXPECT_EQ(faults.count, 0);
+    EXPECT_FALSE(tree->prev(v)) << "needs the parent";
+    EXPECT_FALSE(hasCursor(*tree));
+    EXPECT_EQ(tree->depth(), -1);
+  }
+  ASSERT_TRUE(tree->first(v));
+  EXPECT_EQ(v, 101);
+}
+
+struct Seen {
+  std::vector<std::string> keys;
+  std::vector<int32_t> values;
+  std::vector<int> lengths;
+};
+Seen* seen = nullptr;
+void record(int32_t value, const char* key, int length) {
+  seen->values.push_back(value);
+  seen->lengths.push_back(length);
+  seen->keys.emplace_back(key, 8);  // slot width of the trees below
+}
+
+TEST_F(CursorTest, InOrderHandsOverEverySlotAndLeavesTheCursor) {
+  Seen got;
+  seen = &got;
+  auto empty = create(3, 8);
+  EXPECT_TRUE(empty->inOrder(record));
+  EXPECT_TRUE(got.values.empty());
+
+  auto tree = create(3, 4, true);  // slot width 8
+  for (int32_t v : {3, 1, 2, -1, 5}) ASSERT_TRUE(tree->insertKey(v, "k", 0));
+  int32_t v = 0;
+  ASSERT_TRUE(tree->find(v, "k", 0));
+  ASSERT_TRUE(tree->next(v));
+  EXPECT_TRUE(tree->inOrder(record));
+  EXPECT_EQ(got.values, (std::vector<int32_t>{1, 2, 3, 5, -1}));
+  EXPECT_EQ(got.keys[3], std::string("k\0\0\0", 4) + be4(5));
+  EXPECT_EQ(got.lengths[3], 8);
+  ASSERT_TRUE(tree->next(v));
+  EXPECT_EQ(v, 3) << "the cursor stayed on 2";
+
+  // A read that fails part-way: false, and what was handed over is a prefix of the order.
+  auto big = sequence(8);
+  for (int k = 1;; ++k) {
+    got = Seen();
+    lltest::FaultInjector faults;
+    faults.failAt = {k};
+    bool whole = big->inOrder(record);
+    if (faults.failures == 0) {
+      EXPECT_TRUE(whole);
+      EXPECT_EQ(got.values.size(), 8u);
+      break;
+    }
+    EXPECT_FALSE(whole);
+    for (size_t i = 0; i < got.values.size(); ++i) EXPECT_EQ(got.values[i], 101 + int32_t(i));
+  }
+  seen = nullptr;
+}
+
+TEST_F(CursorTest, TestCountsKeysPagesAndBackwardLinksUpToTheFirstFault) {
+  int32_t keys = -1, pages = -1, backward = -1;
+  auto empty = create(3, 4);
+  EXPECT_TRUE(empty->test(false, &keys, &pages, &backward));
+  EXPECT_EQ(std::vector<int32_t>({keys, pages, backward}), std::vector<int32_t>({0, 1, 0}));
+
+  auto tree = sequence(7);  // every page was written before its parent
+  EXPECT_TRUE(tree->test(false, &keys, &pages, &backward));
+  EXPECT_EQ(std::vector<int32_t>({keys, pages, backward}), std::vector<int32_t>({7, 7, 6}));
+  EXPECT_TRUE(tree->test(false, nullptr, nullptr, nullptr));
+
+  // Order 4: the right page of the split holds 1 key, below minKeys 2.
+  auto even = create(4, 4);
+  for (int32_t k = 1; k <= 4; ++k) ASSERT_TRUE(even->insertKey(k, k));
+  EXPECT_FALSE(even->test(false, &keys, &pages, &backward));
+  EXPECT_EQ(std::vector<int32_t>({keys, pages, backward}), std::vector<int32_t>({4, 3, 2}));
+  EXPECT_TRUE(even->test(true, &keys, &pages, &backward));
+}
+
+}  // namespace
