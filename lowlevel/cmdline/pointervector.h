@@ -16,14 +16,16 @@ class PointerVector : public std::vector<T*> {
 
   virtual ~PointerVector() { DeleteAll(); }
 
-  // Deletes the elements if this vector owns them, then empties it. The vector is emptied first, so
-  // a destructor of an element that looks at the vector finds it empty, never half deleted.
+  // Deletes the elements if this vector owns them, then empties it. The capacity stays, so a vector
+  // that is filled again and again does not grow again each time.
   void DeleteAll() {
-    std::vector<T*> doomed;
-    doomed.swap(*this);
     if (m_bOwner) {
-      for (T* element : doomed) delete element;
+      for (T*& element : *this) {
+        delete element;
+        element = nullptr;
+      }
     }
+    this->clear();
   }
 
   bool m_bOwner;
