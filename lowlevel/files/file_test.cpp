@@ -1,0 +1,367 @@
+#include "lowlevel/files/file.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+
+#include "compression/seekable_writer.h"
+#include "lowlevel/platform/io.h"
+#include "tests/testsupport/testing.h"
+
+namespace io = lowlevel::platform;
+using io::IoCall;
+
+struct ZFileTestAccess {
+  // "cd", "other" or "none": the list that holds the file. "broken" when the lists' invariant fails
+  // for it (more than one entry over both lists).
+  static std::string where(const ZFile& f) {
+    auto n = [&](const std::vector<ZFile*>& l) { return std::count(l.begin(), l.end(), &f); };
+    long cd = n(ZFile::m_vCdFiles), other = n(ZFile::m_vNonCdFiles);
+    if (cd + other > 1) return "broken";
+    return cd == 1 ? "cd" : other == 1 ? "other" : "none";
+  }
+  static size_t listed() { return ZFile::m_vCdFiles.size() + ZFile::m_vNonCdFiles.size(); }
+  static const OffsetMap* map(const ZFile& f) { return f.m_pOffsetMap; }
+};
+
+namespace {
+
+namespace fs = std::filesystem;
+using Access = ZFileTestAccess;
+const unsigned short kRead = io::kOpenReadOnly;
+const unsigned short kBinary = io::kOpenReadOnly | io::kOpenBinary;
+
+// A changer of removable volumes: each volume is a directory under a scratch directory, and can be
+// taken out (getCdPath answers null) or put back under another directory.
+class Changer : public lltest::RecordingSupport {
+ public:
+  const char* getCdPath(eCDVolType volume, bool bRetry, bool bHostFlag) override {
+    const char* answer = RecordingSupport::getCdPath(volume, bRetry, bHostFlag);
+    if (bRetry && !retryAnswer.empty()) return retryAnswer.c_str();
+    return answer;
+  }
+  const char* requestCdVolume(eCDVolType volume, bool bHostFlag) override {
+    const char* answer = RecordingSupport::requestCdVolume(volume, bHostFlag);
+    if (onRequest) onRequest();
+    return answer;
+  }
+  void mount(int volume, const std::string& dir) {
+    eject(volume);
+    cdPaths.push_back({volume, dir + "/"});
+  }
+  void eject(int volume) {
+    cdPaths.erase(std::remove_if(cdPaths.begin(), cdPaths.end(),
+                                 [&](const std::pair<int, std::string>& e) { return e.first == volume; }),
+                  cdPaths.end());
+  }
+  std::string retryAnswer;
+  std::function<void()> onRequest;
+};
+
+std::string pattern(size_t n) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>('A' + i % 53);
+  return s;
+}
+
+class ZFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directory(slotA);
+    fs::create_directory(slotB);
+    lltest::writeFile(slotA + "/data.bin", data);
+    lltest::writeFile(dir.file("plain.bin"), data);
+    host.cdCount = 2;
+    host.mount(1, slotA);
+  }
+  void TearDown() override { EXPECT_EQ(listedBefore, Access::listed()); }
+  // Moves the disc of volume 1 to the other slot.
+  void moveVolume() {
+    std::string from = inA ? slotA : slotB, to = inA ? slotB : slotA;
+    fs::remove(to);
+    fs::rename(from, to);
+    fs::create_directory(from);
+    host.mount(1, to);
+    inA = !inA;
+  }
+  std::string readN(ZFile& f, int n) {
+    std::string buf(static_cast<size_t>(n), '\0');
+    int got = f.Read(&buf[0], n);
+    return got < 0 ? "<" + std::to_string(got) + ">" : buf.substr(0, static_cast<size_t>(got));
+  }
+
+  size_t listedBefore = Access::listed();
+  lltest::TempDir dir;
+  std::string slotA = dir.file("slotA"), slotB = dir.file("slotB");
+  bool inA = true;
+  std::string data = pattern(100);
+  Changer host;
+};
+
+TEST_F(ZFileTest, ParkedFilesComeBackOnEveryKindOfUse) {
+  for (int use = 0; use < 5; ++use) {
+    SCOPED_TRACE(use);
+    ZFile f("cd:data.bin", kRead, 0);
+    ASSERT_TRUE(f.IsOpen());
+    EXPECT_EQ("cd", Access::where(f));
+    EXPECT_EQ(7, f.Seek(7, 0));
+    ZFile::CloseAll(ZFile::eCdFiles);
+    EXPECT_FALSE(f.IsOpen());
+    EXPECT_EQ("cd", Access::where(f));
+    ZFile::CloseAll(ZFile::eCdFiles);  // passed over: the saved position stays
+    moveVolume();                      // re-resolution finds the volume in its new directory
+    switch (use) {
+      case 0: EXPECT_GE(f.GetHandle(), 0); break;
+      case 1: EXPECT_EQ(7, f.Position()); break;
+      case 2: EXPECT_EQ(100, f.Length()); break;
+      case 3: EXPECT_EQ(10, f.Seek(3, 1)); break;
+      case 4: EXPECT_EQ(data.substr(7, 5), readN(f, 5)); break;
+    }
+    EXPECT_TRUE(f.IsOpen());
+    EXPECT_EQ("cd", Access::where(f));
+    EXPECT_EQ(use == 3 ? 10 : use == 4 ? 12 : 7, f.Position());
+  }
+  EXPECT_TRUE(host.volumeRequests.empty());
+}
+
+TEST_F(ZFileTest, CloseAllSelectsLists) {
+  ZFile cd("cd:data.bin", kRead, 0);
+  ZFile other(dir.file("plain.bin"), kRead, 0);
+  EXPECT_EQ("other", Access::where(other));
+  other.Seek(5, 0);
+  ZFile::CloseAll(static_cast<ZFile::eFileTypes>(7));
+  EXPECT_TRUE(cd.IsOpen() && other.IsOpen());
+  ZFile::CloseAll(ZFile::eNonCdFiles);
+  EXPECT_TRUE(cd.IsOpen());
+  EXPECT_FALSE(other.IsOpen());
+  ZFile::CloseAll(ZFile::eAllFiles);
+  EXPECT_FALSE(cd.IsOpen());
+  EXPECT_EQ(data.substr(5, 3), readN(other, 3));
+  EXPECT_EQ(data.substr(0, 3), readN(cd, 3));
+  EXPECT_EQ("other", Access::where(other));
+  {
+    // A position that cannot be told at parking time comes back as 0.
+    lltest::FaultInjector faults({IoCall::Tell});
+    faults.failAt = {1};
+    ZFile::CloseAll(ZFile::eNonCdFiles);
+  }
+  EXPECT_EQ(0, other.Position());
+}
+
+TEST_F(ZFileTest, AVolumeFileIsAskedForOnceMoreWhenItsOpenFails) {
+  host.retryAnswer = slotA + "/";
+  host.mount(1, slotB);  // the first answer is the wrong directory
+  ZFile f("cd:data.bin", kRead, 0);
+  EXPECT_TRUE(f.IsOpen());
+  ASSERT_EQ(2u, host.cdPathCalls.size());
+  EXPECT_FALSE(host.cdPathCalls[0].retry);
+  EXPECT_TRUE(host.cdPathCalls[1].retry);
+  EXPECT_FALSE(host.cdPathCalls[1].hostFlag);
+
+  host.retryAnswer = slotB + "/";
+  host.cdPathCalls.clear();
+  EXPECT_FALSE(f.Open("cd:data.bin", kRead, 0));
+  EXPECT_EQ(2u, host.cdPathCalls.size());
+  EXPECT_EQ("cd", Access::where(f));  // a failed open stays listed, closed
+  EXPECT_EQ(-1, f.Read(nullptr, 0));
+  EXPECT_TRUE(host.volumeRequests.empty());
+  EXPECT_EQ(-1, f.Position());
+
+  host.cdPathCalls.clear();
+  host.exeDir = slotB.c_str();
+  ZFile g("ed:/data.bin", kRead, 0);  // on no volume: no second attempt
+  EXPECT_FALSE(g.IsOpen());
+  EXPECT_TRUE(host.cdPathCalls.empty());
+  EXPECT_EQ("other", Access::where(g));
+
+  host.eject(1);
+  ZFile h("cd:data.bin", kRead, 0);  // does not resolve: not listed
+  EXPECT_FALSE(h.IsOpen());
+  EXPECT_EQ("none", Access::where(h));
+  EXPECT_FALSE(h.Close());
+}
+
+TEST_F(ZFileTest, AFailedOperationAsksForTheVolumeAndTriesOnce) {
+  ZFile f("cd:data.bin", kRead, 0);
+  {
+    lltest::FaultInjector faults({IoCall::Read});
+    faults.failAt = {1};
+    host.requestAnswer = "again";
+    EXPECT_EQ(data.substr(0, 4), readN(f, 4));
+    EXPECT_EQ(std::vector<int>{1}, host.volumeRequests);
+  }
+  {
+    lltest::FaultInjector faults({IoCall::Read});
+    faults.failFrom = 1;
+    EXPECT_EQ("<-1>", readN(f, 4));
+    EXPECT_EQ(2, faults.count);  // exactly one second try
+    host.requestAnswer = nullptr;
+    EXPECT_EQ("<-1>", readN(f, 4));
+    EXPECT_EQ(3, faults.count);  // no answer: no second try
+  }
+  {
+    lltest::FaultInjector faults({IoCall::Seek, IoCall::Length, IoCall::Tell});
+    faults.failAt = {1, 3, 5};
+    host.requestAnswer = "again";
+    EXPECT_EQ(9, f.Seek(5, 1));
+    EXPECT_EQ(100, f.Length());
+    EXPECT_EQ(9, f.Position());
+  }
+  EXPECT_EQ(6u, host.volumeRequests.size());
+  ZFile other(dir.file("plain.bin"), kRead, 0);
+  host.volumeRequests.clear();
+  {
+    lltest::FaultInjector faults({IoCall::Read});
+    faults.failAt = {1};
+    EXPECT_EQ(data.substr(0, 2), readN(other, 2));
+  }
+  EXPECT_EQ(std::vector<int>{0}, host.volumeRequests);  // asked with no volume
+}
+
+TEST_F(ZFileTest, TheHostMayParkFilesWhileItIsAskedForTheVolume) {
+  ZFile f("cd:data.bin", kRead, 0);
+  ZFile other(dir.file("plain.bin"), kRead, 0);
+  f.Seek(20, 0);
+  host.requestAnswer = "changed";
+  host.onRequest = [&] {
+    ZFile::CloseAll(ZFile::eAllFiles);
+    moveVolume();
+  };
+  {
+    lltest::FaultInjector faults({IoCall::Read});
+    faults.failAt = {1};
+    EXPECT_EQ(data.substr(20, 10), readN(f, 10));
+  }
+  EXPECT_EQ(30, f.Position());
+  EXPECT_EQ("cd", Access::where(f));
+  EXPECT_FALSE(other.IsOpen());
+  EXPECT_EQ("other", Access::where(other));
+  // Write and Flush bring nothing back.
+  EXPECT_EQ(-1, other.Write("x", 1));
+  other.Flush();
+  EXPECT_FALSE(other.IsOpen());
+  EXPECT_EQ(data, lltest::readFile(dir.file("plain.bin")));
+}
+
+TEST_F(ZFileTest, HandleFilesAndCopiesAreNeverParked) {
+  ZFile f("cd:data.bin", kRead, 0);
+  f.Seek(3, 0);
+  int h = io::open((slotA + "/data.bin").c_str(), kRead, 0);
+  ZFile wrapped(h);
+  ZFile copy(f);
+  EXPECT_EQ("none", Access::where(wrapped));
+  EXPECT_EQ("none", Access::where(copy));
+  EXPECT_EQ(3, copy.Position());
+  ZFile::CloseAll(ZFile::eAllFiles);
+  EXPECT_TRUE(wrapped.IsOpen());
+  EXPECT_TRUE(copy.IsOpen());
+  EXPECT_FALSE(f.IsOpen());
+  ZFile copyOfParked(f);  // carries the pending mark: re-opens on first use, unlisted
+  EXPECT_FALSE(copyOfParked.IsOpen());
+  EXPECT_EQ(data.substr(3, 4), readN(copyOfParked, 4));
+  EXPECT_EQ("none", Access::where(copyOfParked));
+  EXPECT_FALSE(f.IsOpen());
+  EXPECT_TRUE(wrapped.Close());
+}
+
+TEST_F(ZFileTest, CloseOnAParkedFileEndsItsReopen) {
+  ZFile f("cd:data.bin", kRead, 0);
+  ZFile::CloseAll(ZFile::eCdFiles);
+  EXPECT_FALSE(f.Close());
+  EXPECT_EQ("none", Access::where(f));
+  EXPECT_EQ(-1, f.Read(nullptr, 0));
+  EXPECT_EQ(-1, f.GetHandle());
+  EXPECT_FALSE(f.IsOpen());
+  EXPECT_TRUE(f.Open("cd:data.bin", kRead, 0));
+  EXPECT_EQ(0, f.Position());
+  EXPECT_TRUE(f.Close());
+  EXPECT_EQ("none", Access::where(f));
+}
+
+TEST_F(ZFileTest, ListsStayConsistentWhenTheVolumeTypeChanges) {
+  host.mount(3, slotA);
+  ZFile f("c2:data.bin", kRead, 0);
+  ASSERT_TRUE(f.IsOpen());
+  EXPECT_EQ("cd", Access::where(f));
+  ZFile::CloseAll(ZFile::eAllFiles);
+  host.cdCount = 1;  // "c2:" is no prefix any more: the re-open tries a plain path and fails
+  EXPECT_EQ(-1, f.Position());
+  EXPECT_EQ("other", Access::where(f));
+  host.cdCount = 2;
+  EXPECT_EQ(0, f.Position());
+  EXPECT_EQ("cd", Access::where(f));
+  ZFile::CloseAll(ZFile::eAllFiles);
+  EXPECT_TRUE(f.Open(dir.file("plain.bin"), kRead, 0));  // a parked file opened anew
+  EXPECT_EQ("other", Access::where(f));
+  EXPECT_TRUE(f.Open("cd:data.bin", kRead, 0));  // an open file opened anew
+  EXPECT_EQ("cd", Access::where(f));
+  {
+    ZFile failed("c2:none.bin", kRead, 0);
+    EXPECT_EQ("cd", Access::where(failed));
+    EXPECT_TRUE(failed.Open("cd:data.bin", kRead, 0));
+    EXPECT_EQ("cd", Access::where(failed));
+  }
+}
+
+TEST_F(ZFileTest, ACompressedFileParksAtItsExpandedPosition) {
+  std::string expanded = pattern(240), packed, error;
+  lowlevel::compression::SeekableWriteOptions options;
+  options.chunkSize = 100;
+  ASSERT_TRUE(lowlevel::compression::compressToSeekable(expanded, options, &packed, &error));
+  lltest::writeFile(slotA + "/packed.zst", packed);
+  ZFile f("cd:packed.zst", kBinary, 0);
+  EXPECT_EQ(240, f.Length());
+  EXPECT_EQ(expanded.substr(0, 150), readN(f, 150));
+  const OffsetMap* map = Access::map(f);
+  size_t tables = offsetMapTable.size();
+  ZFile::CloseAll(ZFile::eCdFiles);
+  EXPECT_EQ(expanded.substr(150, 50), readN(f, 50));
+  EXPECT_EQ(map, Access::map(f));
+  EXPECT_EQ(tables, offsetMapTable.size());
+  EXPECT_EQ(0, f.Write("x", 1));
+  EXPECT_EQ(230, f.Seek(10, 2));
+}
+
+TEST_F(ZFileTest, AssignmentMakesAnIndependentUnlistedCopy) {
+  ZFile a("cd:data.bin", kRead, 0);
+  a.Seek(11, 0);
+  ZFile b(dir.file("plain.bin"), kRead, 0);
+  b = a;
+  EXPECT_EQ("none", Access::where(b));
+  EXPECT_EQ("cd", Access::where(a));
+  EXPECT_NE(a.GetHandle(), b.GetHandle());
+  EXPECT_EQ(11, b.Position());
+  EXPECT_TRUE(a.Close());
+  EXPECT_EQ(data.substr(11, 4), readN(b, 4));
+  b = b;
+  EXPECT_EQ(15, b.Position());
+}
+
+TEST_F(ZFileTest, LocationsAndFailingCloses) {
+  host.locationNames = {"DISC"};
+  host.locationDirs = {"cd:"};
+  ZFile f("data.bin", "DISC", kRead, 0);
+  EXPECT_TRUE(f.IsOpen());
+  EXPECT_EQ("cd", Access::where(f));
+  ZFile g(dir.file("plain.bin"), "NOPE", kRead, 0);  // reported, then opened unchanged
+  EXPECT_TRUE(g.IsOpen());
+  ASSERT_EQ(1u, host.reports.size());
+  EXPECT_EQ("ZFile::BuildPath", host.reports[0].function);
+  {
+    lltest::FaultInjector faults({IoCall::Close});
+    faults.failFrom = 1;
+    EXPECT_FALSE(g.Close());
+  }
+  EXPECT_FALSE(g.IsOpen());
+  EXPECT_EQ("none", Access::where(g));
+  {
+    lltest::FaultInjector faults({IoCall::Open});
+    faults.failAt = {1};  // the first open fails; the second attempt asks again and succeeds
+    EXPECT_TRUE(f.Open("cd:data.bin", kRead, 0));
+  }
+  EXPECT_EQ(3u, host.cdPathCalls.size());
+}
+
+}  // namespace
