@@ -103,7 +103,7 @@ class BTree {
   bool convertKey(const char* key, int length);
   void clearCurPage();
   // The slot for a caller's key: converted when the tree says so, cut or padded to the slot width,
-  // with `value` as tail in a tree with duplicates.
+  // with `value` as tail in a tree with duplicates. A negative length counts as 0 (terminated text).
   BTreePageKey prepareKey(const char* key, int length, int32_t value);
 
   bool Search(const BTreePage& page, const BTreePageKey& key, BTreePage& result, uint32_t& index);

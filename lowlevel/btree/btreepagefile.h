@@ -54,7 +54,10 @@ class BTreePageFile {
   // whose slot holds no key byte, whose record size does not fit 32 bits, whose compressed keys are
   // wider than 32767 bytes, or whose file is too short for one record is "Invalid BTree (name).".
   BTreePageFile(const std::string& fileName, bool readOnly, int32_t offset);
-  // Creates a new file, replacing one of that name: header and an empty root at offset 46.
+  // Creates a new file, replacing one of that name: header and an empty root at offset 46. The file
+  // is opened binary, read-write, created and truncated (never exclusive), owner read and write.
+  // A shape that cannot work (order below 2, key width below 1, a record beyond 32 bits) is
+  // reported as "Invalid BTree (name)." and no file is touched; BTree refuses these first.
   // `keyLength` is the caller's key width, without the value tail of a tree with duplicates.
   BTreePageFile(const std::string& fileName, int order, int keyLength, bool duplicates,
                 uint32_t lcid, uint32_t mapFlags, int16_t spaceConversion);
