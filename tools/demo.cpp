@@ -22,6 +22,8 @@
 namespace {
 
 namespace fs = std::filesystem;
+// Key width of the demo's indexes: words up to 20 bytes; wide enough for the compressed form to pay.
+constexpr int kWidth = 20;
 using Clock = std::chrono::steady_clock;
 
 double msSince(Clock::time_point start) {
@@ -50,11 +52,12 @@ std::vector<std::string> words(const std::string& text) {
       word += static_cast<char>(std::tolower(c));
     } else if (!word.empty()) {
       while (!word.empty() && word.back() == '-') word.pop_back();
-      if (!word.empty() && word.size() <= 16) out.push_back(word);
+      bool hasLetter = std::any_of(word.begin(), word.end(), [](char l) { return std::isalpha(static_cast<unsigned char>(l)) != 0; });
+      if (hasLetter && word.size() <= static_cast<size_t>(kWidth)) out.push_back(word);
       word.clear();
     }
   }
-  if (!word.empty() && word.size() <= 16) out.push_back(word);
+  if (!word.empty() && word.size() <= static_cast<size_t>(kWidth)) out.push_back(word);
   return out;
 }
 
@@ -71,11 +74,11 @@ std::vector<int32_t> positions(BTree& tree, const std::string& key) {
   int32_t value;
   if (!tree.find(value, key.c_str(), 0)) return out;
   out.push_back(value);
-  std::vector<char> first(16), current(16);
-  int length = 16;
+  std::vector<char> first(kWidth), current(kWidth);
+  int length = kWidth;
   tree.getCurrentKey(first.data(), length);
   while (tree.next(value)) {
-    length = 16;
+    length = kWidth;
     tree.getCurrentKey(current.data(), length);
     if (current != first) break;
     out.push_back(value);
@@ -118,8 +121,8 @@ int runDemo(ToolContext& ctx, const std::string& dirArg, const std::vector<std::
   auto t = Clock::now();
   std::map<std::string, int32_t> counts;
   {
-    BTree positionsTree(wordsFile, 31, 16, true, 0, 0, 0);
-    BTree vocab(vocabFile, 31, 16, false, 0, 0, 0);
+    BTree positionsTree(wordsFile, 31, kWidth, true, 0, 0, 0);
+    BTree vocab(vocabFile, 31, kWidth, false, 0, 0, 0);
     if (!positionsTree.isOk() || !vocab.isOk()) return fail(kExitIo, "cannot create the indexes in " + dir);
     for (size_t i = 0; i < all.size(); ++i) {
       if (!positionsTree.insertKey(static_cast<int32_t>(i), all[i].c_str(), 0)) {
@@ -156,8 +159,8 @@ int runDemo(ToolContext& ctx, const std::string& dirArg, const std::vector<std::
   int32_t value;
   bool ok = vocab.findGreaterThanOrEqual(value, "com", 0);
   for (int i = 0; ok && i < 8; ++i) {
-    char key[17] = {};
-    int length = 16;
+    char key[kWidth + 1] = {};
+    int length = kWidth;
     vocab.getCurrentKey(key, length);
     std::printf(" %s", key);
     ok = vocab.next(value);

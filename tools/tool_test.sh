@@ -70,7 +70,7 @@ expect "range json" 0 '[
     "value": 4
   }
 ]' -- "$tool" --json btree range words.btr kiwi kiwi
-expect "check" 0 "words.btr: sound, 7 keys in 3 pages, 0 free, 0 backward links" -- \
+expect "check" 0 "words.btr: sound, 7 keys in 3 pages, 0 free, 2 backward links" -- \
   "$tool" btree check words.btr
 
 # --- long and hex keys ---
@@ -136,7 +136,7 @@ expect_err "usage" 2 "required" -- "$tool" btree create x.btr
 expect_err "bad order reported" 3 "cannot create B-tree bad.btr" -- \
   "$tool" btree create bad.btr --order 1 --key-length 4
 printf 'garbage garbage garbage garbage garbage garbage garbage' > junk.btr
-expect_err "junk file" 3 "Invalid BTree" -- "$tool" btree info junk.btr
+expect_err "junk file" 3 "not a BTree file" -- "$tool" btree info junk.btr
 expect_err "bad host file" 2 "host" -- "$tool" --host missing.ini btree get words.btr x
 expect_err "bad load line" 2 "expected KEY<TAB>VALUE" -- sh -c "echo nonsense | '$tool' btree load words.btr"
 
