@@ -180,7 +180,7 @@ Seen* seen = nullptr;
 void record(int32_t value, const char* key, int length) {
   seen->values.push_back(value);
   seen->lengths.push_back(length);
-  seen->keys.emplace_back(key, 8);  // slot width of the trees below
+  seen->keys.emplace_back(key, static_cast<size_t>(length));
 }
 
 TEST_F(CursorTest, InOrderHandsOverEverySlotAndLeavesTheCursor) {
