@@ -2,8 +2,10 @@
 // scanned line.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "lowlevel/cmdline/cmdline.h"
 
@@ -39,7 +41,14 @@ void BM_Scan(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(text.size()));
   state.SetComplexityN(static_cast<int64_t>(text.size()));
 }
-BENCHMARK(BM_Scan)->RangeMultiplier(2)->Range(1 << 20, 2 << 20)->Complexity(benchmark::oN)
+// On a shared machine the fastest of several repetitions (--benchmark_repetitions) is the one
+// least disturbed by other work, hence the "min" statistic.
+BENCHMARK(BM_Scan)
+    ->RangeMultiplier(2)
+    ->Range(1 << 20, 2 << 20)
+    ->Complexity(benchmark::oN)
+    ->ComputeStatistics("min",
+                        [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); })
     ->Unit(benchmark::kMillisecond);
 
 // A scan of a 1 MB line followed by lookups of its first, a middle and its last entry.

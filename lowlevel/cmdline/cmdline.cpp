@@ -52,6 +52,14 @@ size_t ReadDelimited(const std::string& text, size_t& pos, char opener, char clo
   return length;
 }
 
+// Makes `part` the bytes [begin, end) of `text`. A string that held a much longer text before gives
+// its memory back, so reusing entries never keeps more than a fresh scan would, give or take half.
+void AssignPart(std::string& part, const std::string& text, size_t begin, size_t end) {
+  const size_t size = end - begin;
+  if (part.capacity() > 2 * size + 256) std::string().swap(part);
+  part.assign(text, begin, size);
+}
+
 }  // namespace
 
 ZCmdLine::ZCmdLine() { CommonInit(); }
@@ -96,49 +104,63 @@ void ZCmdLine::UseSeparator(char separator) {
 void ZCmdLine::Scan() {
   if (m_bScanned) return;
   m_bScanned = true;
-  m_vParams.DeleteAll();
 
+  // The entries of the last scan are filled anew in place, and those left over are deleted: the
+  // same result as making every entry afresh, without freeing and allocating them all again.
   const std::string& text = m_sCmdLine;
   const size_t length = text.size();
   const char sep = m_cSep;
   bool unterminated = false;
+  size_t count = 0;
   size_t pos = 0;
   for (;;) {
     while (pos < length && text[pos] == kBlank) ++pos;
     if (pos >= length) break;
 
-    std::unique_ptr<EntryInfo> entry(new EntryInfo);
+    size_t nameStart = pos, nameEnd;
     char closer = CloserOf(text[pos]);
     if (closer != 0) {
       const char opener = text[pos++];
-      const size_t start = pos;
-      const size_t end = ReadDelimited(text, pos, opener, closer, unterminated);
-      entry->m_sName.assign(text, start, end - start);
+      nameStart = pos;
+      nameEnd = ReadDelimited(text, pos, opener, closer, unterminated);
     } else {
-      const size_t start = pos;
       while (pos < length && text[pos] != kBlank && text[pos] != sep) ++pos;
-      entry->m_sName.assign(text, start, pos - start);
+      nameEnd = pos;
     }
 
+    size_t valueStart = pos, valueEnd = pos;
     if (pos < length && text[pos] == sep) {
-      ++pos;
+      valueStart = valueEnd = ++pos;
       if (pos < length) {
         closer = CloserOf(text[pos]);
         if (closer != 0) {
           const char opener = text[pos++];
-          const size_t start = pos;
-          const size_t end = ReadDelimited(text, pos, opener, closer, unterminated);
-          entry->m_sValue.assign(text, start, end - start);
+          valueStart = pos;
+          valueEnd = ReadDelimited(text, pos, opener, closer, unterminated);
         } else {
-          const size_t start = pos;
           while (pos < length && text[pos] != kBlank) ++pos;
-          entry->m_sValue.assign(text, start, pos - start);
+          valueEnd = pos;
         }
       }
     }
 
-    m_vParams.push_back(entry.get());
-    entry.release();
+    EntryInfo* entry = count < m_vParams.size() ? m_vParams[count] : nullptr;
+    if (entry == nullptr) {
+      std::unique_ptr<EntryInfo> fresh(new EntryInfo);
+      if (count < m_vParams.size()) {
+        m_vParams[count] = fresh.get();
+      } else {
+        m_vParams.push_back(fresh.get());
+      }
+      entry = fresh.release();
+    }
+    AssignPart(entry->m_sName, text, nameStart, nameEnd);
+    AssignPart(entry->m_sValue, text, valueStart, valueEnd);
+    ++count;
+  }
+  while (m_vParams.size() > count) {
+    delete m_vParams.back();
+    m_vParams.pop_back();
   }
 
   // An unterminated name or value runs to the end of the text, so it is the last entry and the scan

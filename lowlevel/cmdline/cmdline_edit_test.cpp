@@ -160,6 +160,17 @@ TEST(CmdLineState, WhatEndsAWalkAndWhatForcesAScan) {
   EXPECT_EQ(name, "q");
 }
 
+TEST(CmdLineState, RescanReplacesEveryEntryWhole) {
+  ZCmdLine line("a=" + std::string(1000, 'v') + " b=2 <c d>=3 e");
+  EXPECT_EQ(Walk(line).size(), 4u);
+  line = std::string("x");
+  EXPECT_EQ(Walk(line), (Entries{{"x", ""}}));
+  line = std::string("p=1 q r={s}");
+  EXPECT_EQ(Walk(line), (Entries{{"p", "1"}, {"q", ""}, {"r", "s"}}));
+  line = std::string("  ");
+  EXPECT_EQ(Walk(line), Entries{});
+}
+
 class ExposedCmdLine : public ZCmdLine {
  public:
   using ZCmdLine::cSep;

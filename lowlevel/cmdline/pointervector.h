@@ -16,8 +16,7 @@ class PointerVector : public std::vector<T*> {
 
   virtual ~PointerVector() { DeleteAll(); }
 
-  // Deletes the elements if this vector owns them, then empties it. The capacity stays, so a vector
-  // that is filled again and again does not grow again each time.
+  // Deletes the elements if this vector owns them, then empties it (the capacity stays).
   void DeleteAll() {
     if (m_bOwner) {
       for (T*& element : *this) {
