@@ -50,10 +50,14 @@ class BTree {
   bool getSpaceConversion(int16_t& spaceConversion);
 
   // --- Lookup (they place the cursor). ---
+  // A page that cannot be read on the way down is reported ("Unable to read page.") and the
+  // lookup fails as if the key were absent, leaving no cursor. So does a descent deeper than the
+  // file has records (a corrupt link).
   bool find(int32_t& value, const char* key, int length);
   bool findGreaterThanOrEqual(int32_t& value, const char* key, int length);
 
   // --- Changes. ---
+  // insertKey: a failed read on the way down ends it with false before anything is written.
   bool insertKey(int32_t value, const char* key, int length);
   // deleteKey removes one entry; the form without a value refuses a tree with duplicates (reported).
   // A page that falls below half full borrows a key from a sibling or is merged with one. When a
@@ -75,6 +79,9 @@ class BTree {
   bool getCurrentKey(int32_t& key);
 
   // --- Cursor. ---
+  // A failed page read, or a walk that goes further than the file has records (a corrupt link),
+  // returns false and drops the cursor, as running off an end does; a position made undefined is
+  // never used. A leaf without keys (order 2 leaves them behind splits) is stepped over.
   bool first(int32_t& value);
   bool last(int32_t& value);
   bool next(int32_t& value);
@@ -86,6 +93,7 @@ class BTree {
   int depth();  // levels below the root; -1 on a read failure
 
   // --- Traversal and self-test. ---
+  // Both walk at most as many pages as the file has records and fail beyond that.
   bool inOrder(TraverseCallback callback);
   bool test(bool relaxed, int32_t* keyCount, int32_t* pageCount, int32_t* backwardLinks);
 

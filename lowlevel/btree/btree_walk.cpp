@@ -3,12 +3,8 @@
 #include "lowlevel/btree/btreepagefile.h"
 
 int32_t btreePageLimit(BTreePageFile& pageFile) {
-  int64_t length = pageFile.file.Length();
-  int64_t record = pageFile.hdr.compressed
-                       ? kBTreeCompressedPageHeadSize
-                       : btreeRecordSize(pageFile.hdr.order, pageFile.hdr.keyLength);
-  if (length < 0 || record <= 0) return 0;
-  int64_t records = length > kBTreeHeaderSize ? (length - kBTreeHeaderSize) / record + 1 : 1;
+  int64_t records = pageFile.recordLimit();
+  if (records < 0) return 0;
   return records > INT32_MAX ? INT32_MAX : static_cast<int32_t>(records);
 }
 

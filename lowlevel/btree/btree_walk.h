@@ -12,9 +12,8 @@
 
 class BTreePageFile;
 
-// The most page records that the file can hold: (length - 46) / record size + 1 for an
-// uncompressed tree, length / compressed page head + 1 for a compressed one. 0 when the length
-// cannot be had.
+// The most page records that the file can hold (the page file's recordLimit, capped to 32 bits);
+// 0 when the length cannot be had.
 int32_t btreePageLimit(BTreePageFile& pageFile);
 
 class BTreeWalkBudget {
