@@ -74,7 +74,8 @@ TEST(BTreeToolsModel, CopiesAnswerLikeTheirSource) {
     const std::string n = std::to_string(round);
     const std::vector<std::string> copies = {dir.file("c.bt"),  dir.file("o.bt"),
                                              dir.file("r.bt"),  dir.file("r3.bt"),
-                                             dir.file("c" + n + ".zst"), dir.file("o" + n + ".zst")};
+                                             dir.file("c" + n + ".zst"),
+                                             dir.file("o" + n + ".zst")};
     const int order = 3 + round % 5;
     const bool duplicates = round % 2 == 1;
     buildRandomTree(src, order, duplicates, rng);
@@ -84,10 +85,9 @@ TEST(BTreeToolsModel, CopiesAnswerLikeTheirSource) {
     ASSERT_TRUE(repackBTree(src, copies[2], 0));
     ASSERT_TRUE(repackBTree(src, copies[3], 3));
     std::string error;
-    ASSERT_TRUE(lowlevel::compression::compressFileToSeekable(copies[0], copies[4], options, &error))
-        << error;
-    ASSERT_TRUE(lowlevel::compression::compressFileToSeekable(copies[1], copies[5], options, &error))
-        << error;
+    using lowlevel::compression::compressFileToSeekable;
+    ASSERT_TRUE(compressFileToSeekable(copies[0], copies[4], options, &error)) << error;
+    ASSERT_TRUE(compressFileToSeekable(copies[1], copies[5], options, &error)) << error;
     EXPECT_EQ(lltest::readFile(src), before);
 
     BTree source(src, true, 0);

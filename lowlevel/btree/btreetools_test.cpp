@@ -120,25 +120,24 @@ TEST(BTreeTools, RefusalsAndTheirReports) {
   ASSERT_TRUE(makeTree(d16, 5, 16, true, {{"x", 1}}));
   ASSERT_TRUE(makeTree(zero, 5, 20, true, {{"a", 1}, {std::string(20, '\0'), 5}}));
   std::string same = dir.path() + "/./s.bt";
+  std::string sameReport = "Source and target are the same file (" + same + ").";
   std::vector<Case> cases = {
       {[&] { return compressBTree(cmp, dst); }, "Unable to compress a compressed BTree",
        "compressBTree", 2},
       {[&] { return orderBTree(cmp, dst); }, "Unable to order a compressed BTree", "orderBTree", 2},
       {[&] { return compressBTree(w16, dst); }, narrow, "compressBTree", 1},
       {[&] { return compressBTree(d16, dst); }, narrow, "compressBTree", 1},
-      {[&] { return compressBTree(src, same); }, "Source and target are the same file (" + same + ").",
-       "compressBTree", 2},
-      {[&] { return orderBTree(src, same); }, "Source and target are the same file (" + same + ").",
-       "orderBTree", 2},
-      {[&] { return repackBTree(src, same, 3); },
-       "Source and target are the same file (" + same + ").", "repackBTree", 2},
+      {[&] { return compressBTree(src, same); }, sameReport, "compressBTree", 2},
+      {[&] { return orderBTree(src, same); }, sameReport, "orderBTree", 2},
+      {[&] { return repackBTree(src, same, 3); }, sameReport, "repackBTree", 2},
   };
   for (const Case& c : cases) {
     lltest::RecordingSupport support;
     EXPECT_FALSE(c.run()) << c.message;
     ASSERT_EQ(support.reports.size(), 1u) << c.message;
     const lltest::Report& r = support.reports[0];
-    EXPECT_EQ(r.message + "|" + r.function + "|" + r.module, c.message + "|" + c.function + "|btree");
+    EXPECT_EQ(r.message + "|" + r.function + "|" + r.module,
+              c.message + "|" + c.function + "|btree");
     EXPECT_EQ(static_cast<int>(r.flag), c.flag);
     EXPECT_FALSE(lltest::fileExists(dst)) << c.message;
     EXPECT_EQ(lltest::readFile(src), srcBytes);
