@@ -37,8 +37,8 @@ constexpr int kKeyBytes = 16;
 
 // Keys are 16 bytes: a fixed prefix and a zero-padded decimal number, so order is numeric order.
 std::string makeKey(uint64_t n) {
-  char buf[kKeyBytes + 1];
-  std::snprintf(buf, sizeof buf, "k%015llu", static_cast<unsigned long long>(n));
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "k%015llu", static_cast<unsigned long long>(n % 1000000000000000ULL));
   return std::string(buf, kKeyBytes);
 }
 
