@@ -227,6 +227,8 @@ bool BTree::convertKey(const char* key, int length) {
 void BTree::clearCurPage() {
   delete curPage;
   curPage = nullptr;
+  curSteps = 0;
+  curStepLimit = -1;
 }
 
 BTreePageKey BTree::prepareKey(const char* key, int length, int32_t value) {

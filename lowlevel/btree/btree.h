@@ -108,6 +108,8 @@ class BTree {
   friend bool nextSourceKey(BTree& source, BTreePageKey& key, int32_t& value);
 
   int32_t btreeReverseLong(int32_t value);
+  // Counts one cursor move; false once the cursor has moved more often than the file holds entries.
+  bool cursorStep();
   bool convertKey(const char* key, int length);
   void clearCurPage();
   // The slot for a caller's key: converted when the tree says so, cut or padded to the slot width,
@@ -137,6 +139,8 @@ class BTree {
   TraverseCallback traverseCallback;
   BTreePage* curPage;
   uint32_t curIndex;
+  int64_t curSteps = 0;       // cursor moves since the cursor was placed
+  int64_t curStepLimit = -1;  // the most moves of a sound file; -1 until asked for
   uint32_t lcid;
   uint32_t mapFlags;
   int16_t spaceConversion;

@@ -6,6 +6,8 @@
 //   became undefined is never used; the call returns false;
 // - every descent and climb is bounded by the number of pages the file can hold, so a corrupt link
 //   makes the call fail (and drop the cursor) instead of looping;
+// - a cursor that has moved more often than the file can hold entries runs in a cycle, so next and
+//   prev fail from then on (see cursorStep);
 // - a leaf without keys (order 2 splits leave them) is stepped over, so the cursor always stands on
 //   a real key.
 #include <cstring>
@@ -122,9 +124,21 @@ bool BTree::last(int32_t& value) {
   return cursor.land(value);
 }
 
+bool BTree::cursorStep() {
+  // The length costs a system call, so it is only asked for after the first steps of a walk.
+  constexpr int64_t kFreeSteps = 64;
+  if (++curSteps <= kFreeSteps) return true;
+  if (curStepLimit < 0) curStepLimit = pageFile->recordLimit() * (pageFile->hdr.order - 1);
+  return curSteps <= curStepLimit;
+}
+
 bool BTree::next(int32_t& value) {
   if (curPage == nullptr) return false;
   Cursor cursor(*pageFile, curPage, curIndex);
+  if (!cursorStep()) {
+    cursor.drop();
+    return false;
+  }
   // Unsigned: a cursor stepped back before index 0 of an empty leaf comes to 0 here.
   uint32_t i = curIndex + 1;
   if (i > curPage->keyCount) {  // never made by this class; refuse rather than read past the page
@@ -142,6 +156,10 @@ bool BTree::next(int32_t& value) {
 bool BTree::prev(int32_t& value) {
   if (curPage == nullptr) return false;
   Cursor cursor(*pageFile, curPage, curIndex);
+  if (!cursorStep()) {
+    cursor.drop();
+    return false;
+  }
   if (curIndex > curPage->keyCount) {
     cursor.drop();
     return false;
