@@ -30,8 +30,11 @@ namespace {
 
 namespace fs = std::filesystem;
 using Access = ZFileTestAccess;
+using lltest::FailCalls;
 const unsigned short kRead = io::kOpenReadOnly;
-const unsigned short kBinary = io::kOpenReadOnly | io::kOpenBinary;
+
+// The list that holds the file, then "+" while it is open or "-" while it is not.
+std::string state(const ZFile& f) { return Access::where(f) + (f.IsOpen() ? "+" : "-"); }
 
 // A changer of removable volumes: each volume is a directory under a scratch directory, and can be
 // taken out (getCdPath answers null) or put back under another directory.
@@ -39,8 +42,7 @@ class Changer : public lltest::RecordingSupport {
  public:
   const char* getCdPath(eCDVolType volume, bool bRetry, bool bHostFlag) override {
     const char* answer = RecordingSupport::getCdPath(volume, bRetry, bHostFlag);
-    if (bRetry && !retryAnswer.empty()) return retryAnswer.c_str();
-    return answer;
+    return bRetry && !retryAnswer.empty() ? retryAnswer.c_str() : answer;
   }
   const char* requestCdVolume(eCDVolType volume, bool bHostFlag) override {
     const char* answer = RecordingSupport::requestCdVolume(volume, bHostFlag);
@@ -52,9 +54,8 @@ class Changer : public lltest::RecordingSupport {
     cdPaths.push_back({volume, dir + "/"});
   }
   void eject(int volume) {
-    cdPaths.erase(std::remove_if(cdPaths.begin(), cdPaths.end(),
-                                 [&](const std::pair<int, std::string>& e) { return e.first == volume; }),
-                  cdPaths.end());
+    auto same = [&](const std::pair<int, std::string>& e) { return e.first == volume; };
+    cdPaths.erase(std::remove_if(cdPaths.begin(), cdPaths.end(), same), cdPaths.end());
   }
   std::string retryAnswer;
   std::function<void()> onRequest;
@@ -72,7 +73,7 @@ class ZFileTest : public ::testing::Test {
     fs::create_directory(slotA);
     fs::create_directory(slotB);
     lltest::writeFile(slotA + "/data.bin", data);
-    lltest::writeFile(dir.file("plain.bin"), data);
+    lltest::writeFile(plain, data);
     host.cdCount = 2;
     host.mount(1, slotA);
   }
@@ -86,6 +87,7 @@ class ZFileTest : public ::testing::Test {
     host.mount(1, to);
     inA = !inA;
   }
+  // The bytes read, or "<result>" when the read fails.
   std::string readN(ZFile& f, int n) {
     std::string buf(static_cast<size_t>(n), '\0');
     int got = f.Read(&buf[0], n);
@@ -94,7 +96,7 @@ class ZFileTest : public ::testing::Test {
 
   size_t listedBefore = Access::listed();
   lltest::TempDir dir;
-  std::string slotA = dir.file("slotA"), slotB = dir.file("slotB");
+  std::string slotA = dir.file("slotA"), slotB = dir.file("slotB"), plain = dir.file("plain.bin");
   bool inA = true;
   std::string data = pattern(100);
   Changer host;
@@ -104,12 +106,9 @@ TEST_F(ZFileTest, ParkedFilesComeBackOnEveryKindOfUse) {
   for (int use = 0; use < 5; ++use) {
     SCOPED_TRACE(use);
     ZFile f("cd:data.bin", kRead, 0);
-    ASSERT_TRUE(f.IsOpen());
-    EXPECT_EQ("cd", Access::where(f));
     EXPECT_EQ(7, f.Seek(7, 0));
     ZFile::CloseAll(ZFile::eCdFiles);
-    EXPECT_FALSE(f.IsOpen());
-    EXPECT_EQ("cd", Access::where(f));
+    EXPECT_EQ("cd-", state(f));
     ZFile::CloseAll(ZFile::eCdFiles);  // passed over: the saved position stays
     moveVolume();                      // re-resolution finds the volume in its new directory
     switch (use) {
@@ -119,32 +118,26 @@ TEST_F(ZFileTest, ParkedFilesComeBackOnEveryKindOfUse) {
       case 3: EXPECT_EQ(10, f.Seek(3, 1)); break;
       case 4: EXPECT_EQ(data.substr(7, 5), readN(f, 5)); break;
     }
-    EXPECT_TRUE(f.IsOpen());
-    EXPECT_EQ("cd", Access::where(f));
+    EXPECT_EQ("cd+", state(f));
     EXPECT_EQ(use == 3 ? 10 : use == 4 ? 12 : 7, f.Position());
   }
   EXPECT_TRUE(host.volumeRequests.empty());
 }
 
 TEST_F(ZFileTest, CloseAllSelectsLists) {
-  ZFile cd("cd:data.bin", kRead, 0);
-  ZFile other(dir.file("plain.bin"), kRead, 0);
-  EXPECT_EQ("other", Access::where(other));
+  ZFile cd("cd:data.bin", kRead, 0), other(plain, kRead, 0);
   other.Seek(5, 0);
   ZFile::CloseAll(static_cast<ZFile::eFileTypes>(7));
-  EXPECT_TRUE(cd.IsOpen() && other.IsOpen());
+  EXPECT_EQ("cd+other+", state(cd) + state(other));
   ZFile::CloseAll(ZFile::eNonCdFiles);
-  EXPECT_TRUE(cd.IsOpen());
-  EXPECT_FALSE(other.IsOpen());
+  EXPECT_EQ("cd+other-", state(cd) + state(other));
   ZFile::CloseAll(ZFile::eAllFiles);
-  EXPECT_FALSE(cd.IsOpen());
+  EXPECT_EQ("cd-other-", state(cd) + state(other));
   EXPECT_EQ(data.substr(5, 3), readN(other, 3));
   EXPECT_EQ(data.substr(0, 3), readN(cd, 3));
-  EXPECT_EQ("other", Access::where(other));
+  EXPECT_EQ("cd+other+", state(cd) + state(other));
   {
-    // A position that cannot be told at parking time comes back as 0.
-    lltest::FaultInjector faults({IoCall::Tell});
-    faults.failAt = {1};
+    FailCalls faults({IoCall::Tell}, {1});  // a position not told at parking time comes back as 0
     ZFile::CloseAll(ZFile::eNonCdFiles);
   }
   EXPECT_EQ(0, other.Position());
@@ -154,7 +147,7 @@ TEST_F(ZFileTest, AVolumeFileIsAskedForOnceMoreWhenItsOpenFails) {
   host.retryAnswer = slotA + "/";
   host.mount(1, slotB);  // the first answer is the wrong directory
   ZFile f("cd:data.bin", kRead, 0);
-  EXPECT_TRUE(f.IsOpen());
+  EXPECT_EQ("cd+", state(f));
   ASSERT_EQ(2u, host.cdPathCalls.size());
   EXPECT_FALSE(host.cdPathCalls[0].retry);
   EXPECT_TRUE(host.cdPathCalls[1].retry);
@@ -164,31 +157,28 @@ TEST_F(ZFileTest, AVolumeFileIsAskedForOnceMoreWhenItsOpenFails) {
   host.cdPathCalls.clear();
   EXPECT_FALSE(f.Open("cd:data.bin", kRead, 0));
   EXPECT_EQ(2u, host.cdPathCalls.size());
-  EXPECT_EQ("cd", Access::where(f));  // a failed open stays listed, closed
+  EXPECT_EQ("cd-", state(f));  // a failed open stays listed, closed
   EXPECT_EQ(-1, f.Read(nullptr, 0));
-  EXPECT_TRUE(host.volumeRequests.empty());
   EXPECT_EQ(-1, f.Position());
+  EXPECT_TRUE(host.volumeRequests.empty());
 
   host.cdPathCalls.clear();
   host.exeDir = slotB.c_str();
   ZFile g("ed:/data.bin", kRead, 0);  // on no volume: no second attempt
-  EXPECT_FALSE(g.IsOpen());
+  EXPECT_EQ("other-", state(g));
   EXPECT_TRUE(host.cdPathCalls.empty());
-  EXPECT_EQ("other", Access::where(g));
 
   host.eject(1);
   ZFile h("cd:data.bin", kRead, 0);  // does not resolve: not listed
-  EXPECT_FALSE(h.IsOpen());
-  EXPECT_EQ("none", Access::where(h));
+  EXPECT_EQ("none-", state(h));
   EXPECT_FALSE(h.Close());
 }
 
 TEST_F(ZFileTest, AFailedOperationAsksForTheVolumeAndTriesOnce) {
   ZFile f("cd:data.bin", kRead, 0);
+  host.requestAnswer = "again";
   {
-    lltest::FaultInjector faults({IoCall::Read});
-    faults.failAt = {1};
-    host.requestAnswer = "again";
+    FailCalls faults({IoCall::Read}, {1});
     EXPECT_EQ(data.substr(0, 4), readN(f, 4));
     EXPECT_EQ(std::vector<int>{1}, host.volumeRequests);
   }
@@ -202,27 +192,24 @@ TEST_F(ZFileTest, AFailedOperationAsksForTheVolumeAndTriesOnce) {
     EXPECT_EQ(3, faults.count);  // no answer: no second try
   }
   {
-    lltest::FaultInjector faults({IoCall::Seek, IoCall::Length, IoCall::Tell});
-    faults.failAt = {1, 3, 5};
+    FailCalls faults({IoCall::Seek, IoCall::Length, IoCall::Tell}, {1, 3, 5});
     host.requestAnswer = "again";
     EXPECT_EQ(9, f.Seek(5, 1));
     EXPECT_EQ(100, f.Length());
     EXPECT_EQ(9, f.Position());
   }
   EXPECT_EQ(6u, host.volumeRequests.size());
-  ZFile other(dir.file("plain.bin"), kRead, 0);
+  ZFile other(plain, kRead, 0);
   host.volumeRequests.clear();
   {
-    lltest::FaultInjector faults({IoCall::Read});
-    faults.failAt = {1};
+    FailCalls faults({IoCall::Read}, {1});
     EXPECT_EQ(data.substr(0, 2), readN(other, 2));
   }
   EXPECT_EQ(std::vector<int>{0}, host.volumeRequests);  // asked with no volume
 }
 
 TEST_F(ZFileTest, TheHostMayParkFilesWhileItIsAskedForTheVolume) {
-  ZFile f("cd:data.bin", kRead, 0);
-  ZFile other(dir.file("plain.bin"), kRead, 0);
+  ZFile f("cd:data.bin", kRead, 0), other(plain, kRead, 0);
   f.Seek(20, 0);
   host.requestAnswer = "changed";
   host.onRequest = [&] {
@@ -230,39 +217,27 @@ TEST_F(ZFileTest, TheHostMayParkFilesWhileItIsAskedForTheVolume) {
     moveVolume();
   };
   {
-    lltest::FaultInjector faults({IoCall::Read});
-    faults.failAt = {1};
+    FailCalls faults({IoCall::Read}, {1});
     EXPECT_EQ(data.substr(20, 10), readN(f, 10));
   }
   EXPECT_EQ(30, f.Position());
-  EXPECT_EQ("cd", Access::where(f));
-  EXPECT_FALSE(other.IsOpen());
-  EXPECT_EQ("other", Access::where(other));
-  // Write and Flush bring nothing back.
-  EXPECT_EQ(-1, other.Write("x", 1));
+  EXPECT_EQ(-1, other.Write("x", 1));  // Write and Flush bring nothing back
   other.Flush();
-  EXPECT_FALSE(other.IsOpen());
-  EXPECT_EQ(data, lltest::readFile(dir.file("plain.bin")));
+  EXPECT_EQ("cd+other-", state(f) + state(other));
+  EXPECT_EQ(data, lltest::readFile(plain));
 }
 
 TEST_F(ZFileTest, HandleFilesAndCopiesAreNeverParked) {
   ZFile f("cd:data.bin", kRead, 0);
   f.Seek(3, 0);
-  int h = io::open((slotA + "/data.bin").c_str(), kRead, 0);
-  ZFile wrapped(h);
-  ZFile copy(f);
-  EXPECT_EQ("none", Access::where(wrapped));
-  EXPECT_EQ("none", Access::where(copy));
+  ZFile wrapped(io::open((slotA + "/data.bin").c_str(), kRead, 0)), copy(f);
   EXPECT_EQ(3, copy.Position());
   ZFile::CloseAll(ZFile::eAllFiles);
-  EXPECT_TRUE(wrapped.IsOpen());
-  EXPECT_TRUE(copy.IsOpen());
-  EXPECT_FALSE(f.IsOpen());
+  EXPECT_EQ("none+none+cd-", state(wrapped) + state(copy) + state(f));
   ZFile copyOfParked(f);  // carries the pending mark: re-opens on first use, unlisted
-  EXPECT_FALSE(copyOfParked.IsOpen());
+  EXPECT_EQ("none-", state(copyOfParked));
   EXPECT_EQ(data.substr(3, 4), readN(copyOfParked, 4));
-  EXPECT_EQ("none", Access::where(copyOfParked));
-  EXPECT_FALSE(f.IsOpen());
+  EXPECT_EQ("none+cd-", state(copyOfParked) + state(f));
   EXPECT_TRUE(wrapped.Close());
 }
 
@@ -270,10 +245,9 @@ TEST_F(ZFileTest, CloseOnAParkedFileEndsItsReopen) {
   ZFile f("cd:data.bin", kRead, 0);
   ZFile::CloseAll(ZFile::eCdFiles);
   EXPECT_FALSE(f.Close());
-  EXPECT_EQ("none", Access::where(f));
+  EXPECT_EQ("none-", state(f));
   EXPECT_EQ(-1, f.Read(nullptr, 0));
   EXPECT_EQ(-1, f.GetHandle());
-  EXPECT_FALSE(f.IsOpen());
   EXPECT_TRUE(f.Open("cd:data.bin", kRead, 0));
   EXPECT_EQ(0, f.Position());
   EXPECT_TRUE(f.Close());
@@ -283,8 +257,7 @@ TEST_F(ZFileTest, CloseOnAParkedFileEndsItsReopen) {
 TEST_F(ZFileTest, ListsStayConsistentWhenTheVolumeTypeChanges) {
   host.mount(3, slotA);
   ZFile f("c2:data.bin", kRead, 0);
-  ASSERT_TRUE(f.IsOpen());
-  EXPECT_EQ("cd", Access::where(f));
+  EXPECT_EQ("cd+", state(f));
   ZFile::CloseAll(ZFile::eAllFiles);
   host.cdCount = 1;  // "c2:" is no prefix any more: the re-open tries a plain path and fails
   EXPECT_EQ(-1, f.Position());
@@ -293,25 +266,21 @@ TEST_F(ZFileTest, ListsStayConsistentWhenTheVolumeTypeChanges) {
   EXPECT_EQ(0, f.Position());
   EXPECT_EQ("cd", Access::where(f));
   ZFile::CloseAll(ZFile::eAllFiles);
-  EXPECT_TRUE(f.Open(dir.file("plain.bin"), kRead, 0));  // a parked file opened anew
+  EXPECT_TRUE(f.Open(plain, kRead, 0));  // a parked file opened anew
   EXPECT_EQ("other", Access::where(f));
   EXPECT_TRUE(f.Open("cd:data.bin", kRead, 0));  // an open file opened anew
   EXPECT_EQ("cd", Access::where(f));
-  {
-    ZFile failed("c2:none.bin", kRead, 0);
-    EXPECT_EQ("cd", Access::where(failed));
-    EXPECT_TRUE(failed.Open("cd:data.bin", kRead, 0));
-    EXPECT_EQ("cd", Access::where(failed));
-  }
+  ZFile failed("c2:none.bin", kRead, 0);
+  EXPECT_EQ("cd", Access::where(failed));
+  EXPECT_TRUE(failed.Open("cd:data.bin", kRead, 0));
+  EXPECT_EQ("cd", Access::where(failed));
 }
 
 TEST_F(ZFileTest, ACompressedFileParksAtItsExpandedPosition) {
-  std::string expanded = pattern(240), packed, error;
-  lowlevel::compression::SeekableWriteOptions options;
-  options.chunkSize = 100;
-  ASSERT_TRUE(lowlevel::compression::compressToSeekable(expanded, options, &packed, &error));
+  std::string expanded = pattern(240), packed;
+  ASSERT_TRUE(lowlevel::compression::compressToSeekable(expanded, {100, 3, true}, &packed, 0));
   lltest::writeFile(slotA + "/packed.zst", packed);
-  ZFile f("cd:packed.zst", kBinary, 0);
+  ZFile f("cd:packed.zst", kRead | io::kOpenBinary, 0);
   EXPECT_EQ(240, f.Length());
   EXPECT_EQ(expanded.substr(0, 150), readN(f, 150));
   const OffsetMap* map = Access::map(f);
@@ -325,14 +294,11 @@ TEST_F(ZFileTest, ACompressedFileParksAtItsExpandedPosition) {
 }
 
 TEST_F(ZFileTest, AssignmentMakesAnIndependentUnlistedCopy) {
-  ZFile a("cd:data.bin", kRead, 0);
+  ZFile a("cd:data.bin", kRead, 0), b(plain, kRead, 0);
   a.Seek(11, 0);
-  ZFile b(dir.file("plain.bin"), kRead, 0);
   b = a;
-  EXPECT_EQ("none", Access::where(b));
-  EXPECT_EQ("cd", Access::where(a));
+  EXPECT_EQ("none+cd+", state(b) + state(a));
   EXPECT_NE(a.GetHandle(), b.GetHandle());
-  EXPECT_EQ(11, b.Position());
   EXPECT_TRUE(a.Close());
   EXPECT_EQ(data.substr(11, 4), readN(b, 4));
   ZFile& alias = b;
@@ -344,10 +310,9 @@ TEST_F(ZFileTest, LocationsAndFailingCloses) {
   host.locationNames = {"DISC"};
   host.locationDirs = {"cd:"};
   ZFile f("data.bin", "DISC", kRead, 0);
-  EXPECT_TRUE(f.IsOpen());
   EXPECT_EQ("cd", Access::where(f));
-  ZFile g(dir.file("plain.bin"), "NOPE", kRead, 0);  // reported, then opened unchanged
-  EXPECT_TRUE(g.IsOpen());
+  ZFile g(plain, "NOPE", kRead, 0);  // reported, then opened unchanged
+  EXPECT_EQ("other+", state(g));
   ASSERT_EQ(1u, host.reports.size());
   EXPECT_EQ("ZFile::BuildPath", host.reports[0].function);
   {
@@ -355,11 +320,9 @@ TEST_F(ZFileTest, LocationsAndFailingCloses) {
     faults.failFrom = 1;
     EXPECT_FALSE(g.Close());
   }
-  EXPECT_FALSE(g.IsOpen());
-  EXPECT_EQ("none", Access::where(g));
+  EXPECT_EQ("none-", state(g));
   {
-    lltest::FaultInjector faults({IoCall::Open});
-    faults.failAt = {1};  // the first open fails; the second attempt asks again and succeeds
+    FailCalls faults({IoCall::Open}, {1});  // the second attempt asks again and succeeds
     EXPECT_TRUE(f.Open("cd:data.bin", kRead, 0));
   }
   EXPECT_EQ(3u, host.cdPathCalls.size());

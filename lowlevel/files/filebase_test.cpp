@@ -19,6 +19,16 @@ bool handleOpen(int handle) {
   return io::fstat(handle, &st) == 0;
 }
 
+// The results of Position, Length, Seek, Read and Write, joined by blanks.
+std::string results(ZFileBase& f) {
+  char c = 'x';
+  std::string out = std::to_string(f.Position());
+  out += " " + std::to_string(f.Length());
+  out += " " + std::to_string(f.Seek(1, 0));
+  out += " " + std::to_string(f.Read(&c, 1));
+  return out + " " + std::to_string(f.Write(&c, 1));
+}
+
 class FileBaseTest : public ::testing::Test {
  protected:
   void SetUp() override { lltest::writeFile(path, "0123456789"); }
@@ -27,52 +37,44 @@ class FileBaseTest : public ::testing::Test {
 };
 
 TEST_F(FileBaseTest, OwnershipDecidesWhatTheDestructorCloses) {
-  int h = io::open(path.c_str(), kRead, 0);
+  int h = io::open(path.c_str(), kRead, 0), copyHandle;
   {
     ZFileBase wrapped(h);
-    EXPECT_TRUE(wrapped.IsOpen());
     EXPECT_EQ(h, wrapped.GetHandle());
-  }
-  EXPECT_TRUE(handleOpen(h));  // not owned: left open
-
-  int copyHandle;
-  {
-    ZFileBase wrapped(h);
     ZFileBase copy(wrapped);  // a duplicate, owned even though the source is not
     copyHandle = copy.GetHandle();
     EXPECT_NE(h, copyHandle);
     EXPECT_EQ(3, copy.Seek(3, 0));
     EXPECT_EQ(3, wrapped.Position());  // the duplicate shares the position
   }
-  EXPECT_TRUE(handleOpen(h));
+  EXPECT_TRUE(handleOpen(h));  // not owned: left open
   EXPECT_FALSE(handleOpen(copyHandle));
-
   {
     ZFileBase wrapped(h);
     EXPECT_TRUE(wrapped.Close());  // an explicit Close closes a handle merely given
-    EXPECT_FALSE(wrapped.IsOpen());
+    EXPECT_FALSE(handleOpen(h));
     EXPECT_TRUE(wrapped.Open(path, kRead, 0));  // still not owning afterwards
     h = wrapped.GetHandle();
   }
   EXPECT_TRUE(handleOpen(h));
   io::close(h);
-
-  ZFileBase closed;
-  ZFileBase closedCopy(closed);
-  EXPECT_FALSE(closedCopy.IsOpen());
+  ZFileBase closed, closedCopy(closed);
   EXPECT_EQ(-1, closedCopy.GetHandle());
+  // Handle 0 is open, a negative one closed.
+  EXPECT_TRUE(ZFileBase(0).IsOpen());
+  ZFileBase negative(-7);
+  EXPECT_EQ(-1, negative.GetHandle());
+  EXPECT_FALSE(negative.Close());
 }
 
 TEST_F(FileBaseTest, OpenTwiceCloseTwiceAndAssignment) {
   ZFileBase f(path, kRead, 0);
-  ASSERT_TRUE(f.IsOpen());
   int h = f.GetHandle();
   EXPECT_EQ(4, f.Seek(4, 0));
   EXPECT_FALSE(f.Open(dir.file("other"), kCreate, io::kPermWrite));
   EXPECT_EQ(h, f.GetHandle());
   EXPECT_EQ(4, f.Position());
   EXPECT_FALSE(lltest::fileExists(dir.file("other")));
-
   {
     ZFileBase g;
     g = f;  // same number, no duplicate
@@ -84,26 +86,12 @@ TEST_F(FileBaseTest, OpenTwiceCloseTwiceAndAssignment) {
   EXPECT_FALSE(f.IsOpen());
   EXPECT_FALSE(f.Close());
   f.Flush();  // nothing to do on a closed file
-  EXPECT_EQ(-1, f.Position());
-  EXPECT_EQ(-1, f.Length());
-  EXPECT_EQ(-1, f.Seek(0, 0));
-  char c;
-  EXPECT_EQ(-1, f.Read(&c, 1));
-  EXPECT_EQ(-1, f.Write(&c, 1));
+  EXPECT_EQ("-1 -1 -1 -1 -1", results(f));
   EXPECT_TRUE(f.Open(path, kRead, 0));  // reusable after closing
-}
-
-TEST_F(FileBaseTest, HandleZeroIsOpenNegativeIsClosed) {
-  EXPECT_TRUE(ZFileBase(0).IsOpen());
-  ZFileBase negative(-7);
-  EXPECT_FALSE(negative.IsOpen());
-  EXPECT_EQ(-1, negative.GetHandle());
-  EXPECT_FALSE(negative.Close());
 }
 
 TEST_F(FileBaseTest, ReadWriteSeekAndFlushOnAnOpenFile) {
   ZFileBase f(dir.file("w"), kCreate, io::kPermRead | io::kPermWrite);
-  ASSERT_TRUE(f.IsOpen());
   EXPECT_EQ(6, f.Write("abcdef", 6));
   f.Flush();
   EXPECT_EQ(6, f.Position());  // Flush leaves the handle open at its position
@@ -119,8 +107,7 @@ TEST_F(FileBaseTest, ReadWriteSeekAndFlushOnAnOpenFile) {
 
 TEST_F(FileBaseTest, EveryFailingCallGivesItsFailureResult) {
   {
-    lltest::FaultInjector faults({IoCall::Open});
-    faults.failAt = {1};
+    lltest::FailCalls faults({IoCall::Open}, {1});
     ZFileBase f(path, kRead, 0);
     EXPECT_FALSE(f.IsOpen());
     EXPECT_TRUE(f.Open(path, kRead, 0));  // a failed open leaves the object reusable
@@ -129,12 +116,7 @@ TEST_F(FileBaseTest, EveryFailingCallGivesItsFailureResult) {
   int h = f.GetHandle();
   lltest::FaultInjector faults;
   faults.failHandle = h;
-  char buf[4];
-  EXPECT_EQ(-1, f.Read(buf, 4));
-  EXPECT_EQ(-1, f.Write(buf, 4));
-  EXPECT_EQ(-1, f.Seek(1, 0));
-  EXPECT_EQ(-1, f.Position());
-  EXPECT_EQ(-1, f.Length());
+  EXPECT_EQ("-1 -1 -1 -1 -1", results(f));
   f.Flush();  // a failed duplicate is dropped
   ZFileBase copy(f);
   EXPECT_FALSE(copy.IsOpen());

@@ -11,6 +11,16 @@ std::string resolve(std::string path, bool retry = false) {
   return (ok ? "true|" : "false|") + path;
 }
 
+// The volume questions asked so far, as "volume retry hostFlag" with flags 0/1, joined by commas.
+std::string calls(const lltest::RecordingSupport& host) {
+  std::string out;
+  for (const auto& c : host.cdPathCalls) {
+    out += (out.empty() ? "" : ",") + std::to_string(c.volume) + " " + std::to_string(c.retry) +
+           " " + std::to_string(c.hostFlag);
+  }
+  return out;
+}
+
 TEST(LogicalPaths, PrefixesResolveInAnyCase) {
   lltest::RecordingSupport host;
   host.exeDir = "X:\\exe\\";
@@ -18,28 +28,25 @@ TEST(LogicalPaths, PrefixesResolveInAnyCase) {
   host.updateDir = "X:\\upd\\";
   host.cdCount = 12;
   host.cdPaths = {{1, "D:\\"}, {2, "E:\\one\\"}, {3, "F:\\two\\"}, {11, "J:\\ten"}};
-  EXPECT_EQ("true|D:\\Data\\File.Bin", resolve("cd:Data\\File.Bin"));
-  EXPECT_EQ("true|D:\\x", resolve("CD:x"));
-  EXPECT_EQ("true|E:\\one\\a", resolve("C1:\\a"));  // doubled separator at the join repaired
-  EXPECT_EQ("true|F:\\two\\b", resolve("c2:b"));
-  EXPECT_EQ("true|J:\\ten\\z", resolve("c10:\\z"));  // numbered volume 10, not c1: with "0:..."
-  EXPECT_EQ("true|X:\\exe\\Prog", resolve("Ed:Prog"));
-  EXPECT_EQ("true|X:\\instlib", resolve("iD:lib"));  // nothing is put between directory and rest
-  EXPECT_EQ("true|X:\\upd\\", resolve("UD:"));       // the prefix alone gives the directory
-  EXPECT_EQ("true|D:\\", resolve("cd:"));
-  // The volume answers got the volume numbers and the flags as given.
-  ASSERT_EQ(6u, host.cdPathCalls.size());
-  EXPECT_EQ(1, host.cdPathCalls[0].volume);
-  EXPECT_EQ(2, host.cdPathCalls[2].volume);
-  EXPECT_EQ(11, host.cdPathCalls[4].volume);
-  EXPECT_FALSE(host.cdPathCalls[0].retry);
-  EXPECT_TRUE(host.cdPathCalls[0].hostFlag);
+  const char* cases[][2] = {
+      {"cd:Data\\File.Bin", "D:\\Data\\File.Bin"}, {"CD:x", "D:\\x"},
+      {"C1:\\a", "E:\\one\\a"},  // doubled separator at the join repaired
+      {"c2:b", "F:\\two\\b"},
+      {"c10:\\z", "J:\\ten\\z"},  // numbered volume 10, not c1: with "0:..."
+      {"Ed:Prog", "X:\\exe\\Prog"},
+      {"iD:lib", "X:\\instlib"},  // nothing is put between directory and rest
+      {"UD:", "X:\\upd\\"}, {"cd:", "D:\\"}};
+  for (const auto& c : cases) EXPECT_EQ(std::string("true|") + c[1], resolve(c[0])) << c[0];
+  EXPECT_EQ("1 0 1,1 0 1,2 0 1,3 0 1,11 0 1,1 0 1", calls(host));
   host.cdPathCalls.clear();
   resolve("cd:x", true);
-  EXPECT_TRUE(host.cdPathCalls[0].retry);
+  EXPECT_EQ("1 1 1", calls(host));
 }
 
-TEST(LogicalPaths, WhatIsNoPrefixPassesUnchanged) {
+TEST(LogicalPaths, WhatIsNoPrefixPassesUnchangedAndAMissingDirectoryFails) {
+  // The default support object has no directory for any prefix, and no volumes.
+  for (std::string p : {"cd:f", "ed:f", "id:", "ud:x"}) EXPECT_EQ("false|" + p, resolve(p));
+  EXPECT_EQ("true|c1:f", resolve("c1:f"));
   lltest::RecordingSupport host;
   host.cdCount = 2;
   host.cdPaths = {{2, "/v1/"}, {3, "/v2/"}, {4, "/v3/"}};
@@ -47,22 +54,14 @@ TEST(LogicalPaths, WhatIsNoPrefixPassesUnchanged) {
                             "", "xd:f", " cd:f", "c-1:f", "c99999999999999999999:f"}) {
     EXPECT_EQ(std::string("true|") + plain, resolve(plain)) << plain;
   }
-  EXPECT_TRUE(host.cdPathCalls.empty());
+  EXPECT_EQ("", calls(host));
   EXPECT_EQ("true|/v2/f", resolve("c2:f"));
+  EXPECT_EQ("false|Cd:f", resolve("Cd:f"));
+  host.cdCount = 3;
+  host.cdPaths.pop_back();  // volume 4 has no directory
+  EXPECT_EQ("false|c3:f", resolve("c3:f"));
   host.cdCount = -4;  // a silly count recognises no numbered prefix
   EXPECT_EQ("true|c1:f", resolve("c1:f"));
-}
-
-TEST(LogicalPaths, AMissingDirectoryFailsAndLeavesThePath) {
-  {
-    // The default support object has no directory for any prefix.
-    for (const char* p : {"cd:f", "ed:f", "id:", "ud:x"}) EXPECT_EQ(std::string("false|") + p, resolve(p));
-    EXPECT_EQ("true|c1:f", resolve("c1:f"));  // no volumes at all: no prefix
-  }
-  lltest::RecordingSupport host;
-  host.cdCount = 3;
-  EXPECT_EQ("false|c3:f", resolve("c3:f"));
-  EXPECT_EQ("false|Cd:f", resolve("Cd:f"));
 }
 
 TEST(LogicalPaths, OneDoubledBackslashIsRepaired) {
@@ -92,12 +91,9 @@ TEST(LogicalPaths, BuildPathPutsTheLocationInFront) {
   EXPECT_FALSE(ZFile::BuildPath(path, "EMPTY"));
   EXPECT_FALSE(ZFile::BuildPath(path, "NOWHERE"));
   EXPECT_EQ("f.bin", path);
-  ASSERT_EQ(2u, host.reports.size());
-  EXPECT_EQ("No location given for files.\nEntry: EMPTY\n", host.reports[0].message);
-  EXPECT_EQ("No location given for files.\nEntry: NOWHERE\n", host.reports[1].message);
-  EXPECT_EQ("ZFile::BuildPath", host.reports[1].function);
-  EXPECT_EQ(eReportError, host.reports[1].flag);
-  EXPECT_EQ("file", host.reports[1].module);
+  EXPECT_EQ(lltest::reportsText(host.reports),
+            "No location given for files.\nEntry: EMPTY\n|ZFile::BuildPath|2|file\n"
+            "No location given for files.\nEntry: NOWHERE\n|ZFile::BuildPath|2|file\n");
 }
 
 TEST(LogicalPaths, VerifyCdAsksOnlyForVolumesThatExist) {
@@ -108,16 +104,8 @@ TEST(LogicalPaths, VerifyCdAsksOnlyForVolumesThatExist) {
   EXPECT_TRUE(ZFile::VerifyCd(0, false, true));
   EXPECT_FALSE(ZFile::VerifyCd(1, true, false));
   EXPECT_TRUE(ZFile::VerifyCd(2, false, false));
-  ASSERT_EQ(3u, host.cdPathCalls.size());
-  EXPECT_EQ(1, host.cdPathCalls[0].volume);
-  EXPECT_TRUE(host.cdPathCalls[0].hostFlag);
-  EXPECT_EQ(2, host.cdPathCalls[1].volume);
-  EXPECT_TRUE(host.cdPathCalls[1].retry);
-  EXPECT_EQ(3, host.cdPathCalls[2].volume);
-  EXPECT_FALSE(ZFile::VerifyCd(3, false, false));
-  EXPECT_FALSE(ZFile::VerifyCd(-1, false, false));
-  EXPECT_FALSE(ZFile::VerifyCd(INT32_MIN, false, false));
-  EXPECT_EQ(3u, host.cdPathCalls.size());
+  for (int32_t absent : {3, -1, INT32_MIN}) EXPECT_FALSE(ZFile::VerifyCd(absent, false, false));
+  EXPECT_EQ("1 0 1,2 1 0,3 0 0", calls(host));
 }
 
 }  // namespace

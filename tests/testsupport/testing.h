@@ -41,6 +41,16 @@ struct Report {
   int line;
 };
 
+// Each report as "message|function|flag|module" on a line of its own; line numbers left out.
+inline std::string reportsText(const std::vector<Report>& reports) {
+  std::string out;
+  for (const Report& r : reports) {
+    out += r.message + "|" + r.function + "|" + std::to_string(static_cast<int>(r.flag)) + "|" +
+           r.module + "\n";
+  }
+  return out;
+}
+
 // A support object that records every report. Installs itself while it lives and puts the default
 // object back afterwards. Directory answers are fields that a test sets.
 class RecordingSupport : public ZlowLevelSupport {
@@ -100,6 +110,13 @@ class FaultInjector : public lowlevel::platform::IoFaultHook {
 
  private:
   lowlevel::platform::IoFaultHook* previous_;
+};
+
+// A FaultInjector that fails the calls numbered in `at` (1-based) among the kinds in `calls`.
+struct FailCalls : FaultInjector {
+  FailCalls(std::set<lowlevel::platform::IoCall> kinds, std::set<int> at) : FaultInjector(kinds) {
+    failAt = at;
+  }
 };
 
 // The repository's source directory (for data files that the tests read).
