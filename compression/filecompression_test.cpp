@@ -55,6 +55,15 @@ std::string pattern(size_t n, unsigned seed) {
   return s;
 }
 
+// Expands the chunk at `offset` into a buffer of `capacity` bytes filled with '#' (none when 0):
+// "ok" or "fail", the length given back, and the whole buffer.
+std::string expand(ZfileCompression& z, int32_t offset, int32_t capacity) {
+  std::string buf(static_cast<size_t>(capacity), '#');
+  int32_t length = capacity;
+  bool ok = z.expandChunk(offset, capacity > 0 ? &buf[0] : nullptr, length);
+  return (ok ? "ok " : "fail ") + std::to_string(length) + " " + buf;
+}
+
 class Reader : public ::testing::Test {
  protected:
   // Writes `bytes`, binds them and returns startExpand's answer.
@@ -64,6 +73,15 @@ class Reader : public ::testing::Test {
     handle_ = io::open(dir_.file("f").c_str(), io::kOpenReadOnly | io::kOpenBinary, 0);
     z_.init(handle_, 0);
     return z_.startExpand();
+  }
+  // The chunk walk as "offset:size" items.
+  std::string walk() {
+    std::string out;
+    int32_t off = 0, size = 0;
+    for (bool more = z_.chunkWalkFirst(off, size); more; more = z_.chunkWalkNext(off, size)) {
+      out += std::to_string(off) + ":" + std::to_string(size) + " ";
+    }
+    return out;
   }
   // Expands every chunk in walk order; ok false on any failure.
   std::string readAll(bool& ok) {
@@ -91,14 +109,9 @@ TEST_F(Reader, IndependentFilesReadBackExactlyWithAndWithoutChecksums) {
     Entry ea = entry(a), eb = entry(""), ec = entry(c);
     ASSERT_TRUE(open(seekable({ea, eb, ec}, sums, 0x03))) << z_.getErrMsg();  // bits 1-0 are ignored
     EXPECT_EQ(1333, z_.uncompressedLength());
-    int32_t off = -1, size = -1;
-    ASSERT_TRUE(z_.chunkWalkFirst(off, size));
-    EXPECT_EQ(0, off); EXPECT_EQ(1000, size);
-    ASSERT_TRUE(z_.chunkWalkNext(off, size));
-    EXPECT_EQ(static_cast<int32_t>(ea.frame.size()), off); EXPECT_EQ(0, size);
-    ASSERT_TRUE(z_.chunkWalkNext(off, size));
-    EXPECT_EQ(static_cast<int32_t>(ea.frame.size() + eb.frame.size()), off); EXPECT_EQ(333, size);
-    EXPECT_FALSE(z_.chunkWalkNext(off, size));
+    const size_t b = ea.frame.size();
+    EXPECT_EQ("0:1000 " + std::to_string(b) + ":0 " + std::to_string(b + eb.frame.size()) + ":333 ",
+              walk());
     bool ok = false;
     EXPECT_EQ(a + c, readAll(ok));
     EXPECT_TRUE(ok);
@@ -109,25 +122,13 @@ TEST_F(Reader, CapacityProtocol) {
   const std::string a = pattern(500, 3);
   Entry ea = entry(a), eb = entry("");
   ASSERT_TRUE(open(seekable({ea, eb}, true)));
-  std::vector<char> buf(600, '#');
-  int32_t length = 0;
-  EXPECT_FALSE(z_.expandChunk(0, nullptr, length));
-  EXPECT_EQ(500, length);
-  length = 499;
-  EXPECT_FALSE(z_.expandChunk(0, buf.data(), length));
-  EXPECT_EQ(500, length);
-  EXPECT_EQ(std::string(600, '#'), std::string(buf.begin(), buf.end()));  // nothing decoded
-  length = 600;
-  EXPECT_TRUE(z_.expandChunk(0, buf.data(), length));
-  EXPECT_EQ(500, length);
-  EXPECT_EQ(a + std::string(100, '#'), std::string(buf.begin(), buf.end()));
-  length = 0;  // an empty chunk needs no buffer
-  EXPECT_TRUE(z_.expandChunk(static_cast<int32_t>(ea.frame.size()), nullptr, length));
-  EXPECT_EQ(0, length);
-  for (int32_t bad : {1, -1, static_cast<int32_t>(ea.frame.size() + eb.frame.size()), 1 << 30}) {
-    length = 600;
-    EXPECT_FALSE(z_.expandChunk(bad, buf.data(), length)) << bad;
-    EXPECT_EQ(0, length);
+  const int32_t empty = static_cast<int32_t>(ea.frame.size());
+  EXPECT_EQ("fail 500 ", expand(z_, 0, 0));
+  EXPECT_EQ("fail 500 " + std::string(499, '#'), expand(z_, 0, 499));  // nothing decoded
+  EXPECT_EQ("ok 500 " + a + std::string(100, '#'), expand(z_, 0, 600));
+  EXPECT_EQ("ok 0 ", expand(z_, empty, 0));  // an empty chunk needs no buffer
+  for (int32_t bad : {1, -1, empty + static_cast<int32_t>(eb.frame.size()), 1 << 30}) {
+    EXPECT_EQ("fail 0 " + std::string(600, '#'), expand(z_, bad, 600)) << bad;
     EXPECT_NE("", z_.getErrMsg());
   }
 }
@@ -166,8 +167,7 @@ TEST_F(Reader, InconsistentTablesAreNotCompressed) {
     EXPECT_FALSE(open(bytes)) << name;
     EXPECT_NE("", z_.getErrMsg()) << name;
     EXPECT_EQ(0, z_.uncompressedLength()) << name;
-    int32_t off = 7, size = 7;
-    EXPECT_FALSE(z_.chunkWalkFirst(off, size)) << name;
+    EXPECT_EQ("", walk()) << name;
   }
   EXPECT_TRUE(open(good));
   EXPECT_EQ("", z_.getErrMsg());
@@ -177,9 +177,8 @@ TEST_F(Reader, ExpandedTotalMustFitSigned32Bits) {
   std::string f = zframe("ab");
   EXPECT_TRUE(open(seekable({{f, 0x7FFFFFFF, 0}, {f, 0, 0}}, false)));
   EXPECT_EQ(0x7FFFFFFF, z_.uncompressedLength());
-  int32_t length = 0;  // the needed size comes back without overflow, and the lie is found later
-  EXPECT_FALSE(z_.expandChunk(0, nullptr, length));
-  EXPECT_EQ(0x7FFFFFFF, length);
+  // The needed size comes back without overflow, and the lie is found later.
+  EXPECT_EQ("fail 2147483647 ", expand(z_, 0, 0));
   EXPECT_FALSE(open(seekable({{f, 0x7FFFFFFF, 0}, {f, 1, 0}}, false)));
   EXPECT_FALSE(open(seekable({{f, 0xFFFFFFFF, 0}, {f, 2, 0}}, false)));  // wraps to 1 in 32 bits
   EXPECT_FALSE(open(seekable({{f, 0x80000000u, 0}}, false)));
@@ -200,18 +199,12 @@ TEST_F(Reader, LyingOrDamagedFramesFailWithLengthZero) {
   badSum.checksum ^= 0x100;
   for (const Entry& e : {longer, shorter, joined, damaged, badSum}) {
     ASSERT_TRUE(open(seekable({e}, true)));
-    std::vector<char> buf(600);
-    int32_t length = 600;
-    EXPECT_FALSE(z_.expandChunk(0, buf.data(), length));
-    EXPECT_EQ(0, length);
+    EXPECT_EQ(0u, expand(z_, 0, 600).find("fail 0 "));
     EXPECT_NE("", z_.getErrMsg());
   }
   EXPECT_NE(std::string::npos, z_.getErrMsg().find("checksum"));
   z_.setCheckCRC(false);
-  std::vector<char> buf(400);
-  int32_t length = 400;
-  EXPECT_TRUE(z_.expandChunk(0, buf.data(), length));
-  EXPECT_EQ(a, std::string(buf.begin(), buf.end()));
+  EXPECT_EQ("ok 400 " + a, expand(z_, 0, 400));
 }
 
 TEST_F(Reader, EveryFailingIoCallGivesFalseAndAMessage) {
@@ -238,18 +231,11 @@ TEST_F(Reader, EveryFailingIoCallGivesFalseAndAMessage) {
 TEST_F(Reader, CopiesDecodeOnTheirOwn) {
   const std::string a = pattern(700, 11);
   ASSERT_TRUE(open(seekable({entry(a)}, true)));
-  std::vector<char> buf(700);
-  int32_t length = 700;
-  ASSERT_TRUE(z_.expandChunk(0, buf.data(), length));
-  ZfileCompression copy(z_);
-  ZfileCompression assigned;
+  ASSERT_EQ("ok 700 " + a, expand(z_, 0, 700));
+  ZfileCompression copy(z_), assigned;
   assigned = copy;
-  for (ZfileCompression* z : {&copy, &assigned}) {
-    std::fill(buf.begin(), buf.end(), 0);
-    length = 700;
-    EXPECT_TRUE(z->expandChunk(0, buf.data(), length));
-    EXPECT_EQ(a, std::string(buf.begin(), buf.end()));
-  }
+  EXPECT_EQ("ok 700 " + a, expand(copy, 0, 700));
+  EXPECT_EQ("ok 700 " + a, expand(assigned, 0, 700));
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 
-#include "compression/filecompression.h"
 #include "compression/zstdcompression.h"
 #include "lowlevel/platform/io.h"
 #include "tests/testsupport/testing.h"
@@ -45,7 +44,7 @@ TEST(SeekableWriter, LayoutOfChunksTableAndFooter) {
   for (int i = 0; i < 4; ++i) {
     const size_t e = table + 8 + 12 * i;
     EXPECT_EQ(sizes[i], get32(out, e + 4));
-    EXPECT_EQ(static_cast<uint32_t>(XXH64(data.data() + 65536 * i, sizes[i], 0)), get32(out, e + 8));
+    EXPECT_EQ(static_cast<uint32_t>(XXH64(&data[65536 * i], sizes[i], 0)), get32(out, e + 8));
     EXPECT_EQ(0xFD2FB528u, get32(out, compressed));  // each entry starts a zstd frame
     compressed += get32(out, e);
   }
@@ -59,8 +58,8 @@ TEST(SeekableWriter, LayoutOfChunksTableAndFooter) {
 
 TEST(SeekableWriter, EmptyInputIsOneEmptyFrame) {
   std::string out;
-  ASSERT_TRUE(lc::compressToSeekable("", {}, &out, nullptr));
   lltest::TempDir dir;
+  ASSERT_TRUE(lc::compressToSeekable("", {}, &out, nullptr));
   lltest::writeFile(dir.file("e"), out);
   lc::SeekableInfo info;
   ASSERT_TRUE(lc::describeSeekableFile(dir.file("e"), &info, nullptr));
@@ -94,24 +93,10 @@ TEST(SeekableWriter, FilesRoundTripThroughZstdToolReaderAndUnpack) {
     ASSERT_TRUE(lc::expandSeekableFile(dir.file("z"), dir.file("back"), &error)) << error;
     EXPECT_EQ(data, lltest::readFile(dir.file("back")));
 
-    // Random access, last chunk first, through the reader.
-    int h = io::open(dir.file("z").c_str(), io::kOpenReadOnly | io::kOpenBinary, 0);
-    ZfileCompression z;
-    z.init(h, 0);
-    ASSERT_TRUE(z.startExpand());
-    EXPECT_EQ(150001, z.uncompressedLength());
     lc::SeekableInfo info;
     ASSERT_TRUE(lc::describeSeekableFile(dir.file("z"), &info, nullptr));
-    ASSERT_EQ(22u, info.frames.size());
+    EXPECT_EQ(22u, info.frames.size());
     EXPECT_EQ(sums, info.checksums);
-    std::vector<char> buf(7000);
-    for (auto f = info.frames.rbegin(); f != info.frames.rend(); ++f) {
-      int32_t length = 7000;
-      ASSERT_TRUE(z.expandChunk(f->compressedOffset, buf.data(), length)) << z.getErrMsg();
-      EXPECT_EQ(data.substr(static_cast<size_t>(f->expandedOffset), f->expandedSize), std::string(buf.data(), length));
-    }
-    io::close(h);
-
     if (!haveZstdTool()) GTEST_SKIP() << "zstd tool not installed";
     std::string cmd = "zstd -d -q -f '" + dir.file("z") + "' -o '" + dir.file("tool") + "'";
     ASSERT_EQ(0, std::system(cmd.c_str()));
