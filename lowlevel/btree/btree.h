@@ -123,11 +123,12 @@ class BTree {
   bool AdjustTree(BTreePage& page);
   bool Redistribute(uint32_t separator, BTreePage& left, BTreePage& parent, BTreePage& right);
   bool Concatenate(uint32_t separator, BTreePage& left, BTreePage& parent, BTreePage& right);
-  // Deletion helpers: the same steps with a bound on how many more levels the rebalancing may climb,
-  // so that a corrupt parent link cannot make it loop.
+  // Deletion helpers. AdjustTree climbs in a loop, at most `levelsLeft` levels, so that corrupt
+  // parent links can neither make it loop nor exhaust the stack. This Concatenate merges and
+  // writes without climbing: `climb` tells whether the parent has become under-full.
   bool AdjustTree(BTreePage& page, int32_t levelsLeft);
   bool Concatenate(uint32_t separator, BTreePage& left, BTreePage& parent, BTreePage& right,
-                   int32_t levelsLeft);
+                   bool& climb);
   bool deleteFromInterior(BTreePage& page, uint32_t index);
   bool RecurseTraverse(const BTreePage& page);
   bool testRecurse(const BTreePage& page, bool relaxed);

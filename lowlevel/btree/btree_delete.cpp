@@ -193,37 +193,49 @@ bool BTree::deleteFromInterior(BTreePage& page, uint32_t index) {
 
 bool BTree::AdjustTree(BTreePage& page) { return AdjustTree(page, btreePageLimit(*pageFile)); }
 
-bool BTree::AdjustTree(BTreePage& page, int32_t levelsLeft) {
-  if (isRoot(page)) return true;
-  if (levelsLeft <= 0) return false;
-  BTreePage parent(0, 0);
-  if (!pageFile->readPage(page.parentOffset, parent)) return false;
-  uint32_t i = 0;
-  while (i <= parent.keyCount && parent.children[i] != page.offset) ++i;
-  if (i > parent.keyCount) return false;  // the page is not among its parent's children
+// A loop, not a recursion: a long chain of corrupt parent links must not exhaust the call stack.
+bool BTree::AdjustTree(BTreePage& start, int32_t levelsLeft) {
+  BTreePage page(start);
+  for (; !isRoot(page); --levelsLeft) {
+    if (levelsLeft <= 0) return false;
+    BTreePage parent(0, 0);
+    if (!pageFile->readPage(page.parentOffset, parent)) return false;
+    uint32_t i = 0;
+    while (i <= parent.keyCount && parent.children[i] != page.offset) ++i;
+    if (i > parent.keyCount) return false;  // the page is not among its parent's children
 
-  bool hasRight = i < parent.keyCount;
-  bool hasLeft = i > 0;
-  BTreePage left(0, 0);
-  BTreePage right(0, 0);
-  if (hasRight && !pageFile->readPage(parent.children[i + 1], right)) return false;
-  if (hasLeft && !pageFile->readPage(parent.children[i - 1], left)) return false;
-  if (!hasLeft && !hasRight) return true;  // a parent without keys: nothing to balance with
+    bool hasRight = i < parent.keyCount;
+    bool hasLeft = i > 0;
+    BTreePage left(0, 0);
+    BTreePage right(0, 0);
+    if (hasRight && !pageFile->readPage(parent.children[i + 1], right)) return false;
+    if (hasLeft && !pageFile->readPage(parent.children[i - 1], left)) return false;
+    if (!hasLeft && !hasRight) return true;  // a parent without keys: nothing to balance with
 
-  uint32_t leftKeys = hasLeft ? left.keyCount : 0;
-  uint32_t rightKeys = hasRight ? right.keyCount : 0;
-  auto fits = [](const BTreePage& a, const BTreePage& b) {
-    return static_cast<uint64_t>(a.keyCount) + 1 + b.keyCount <= a.maxKeys;
-  };
-  if (hasLeft && (!hasRight || leftKeys > rightKeys)) {
-    if (leftKeys > left.minKeys) return Redistribute(i - 1, left, parent, page);
-    if (fits(left, page)) return Concatenate(i - 1, left, parent, page, levelsLeft);
-    if (hasRight && fits(page, right)) return Concatenate(i, page, parent, right, levelsLeft);
-    return true;
+    uint32_t leftKeys = hasLeft ? left.keyCount : 0;
+    uint32_t rightKeys = hasRight ? right.keyCount : 0;
+    auto fits = [](const BTreePage& a, const BTreePage& b) {
+      return static_cast<uint64_t>(a.keyCount) + 1 + b.keyCount <= a.maxKeys;
+    };
+    bool climb = false;
+    if (hasLeft && (!hasRight || leftKeys > rightKeys)) {
+      if (leftKeys > left.minKeys) return Redistribute(i - 1, left, parent, page);
+      if (fits(left, page)) {
+        if (!Concatenate(i - 1, left, parent, page, climb)) return false;
+      } else if (hasRight && fits(page, right)) {
+        if (!Concatenate(i, page, parent, right, climb)) return false;
+      }
+    } else {
+      if (rightKeys > right.minKeys) return Redistribute(i, page, parent, right);
+      if (fits(page, right)) {
+        if (!Concatenate(i, page, parent, right, climb)) return false;
+      } else if (hasLeft && fits(left, page)) {
+        if (!Concatenate(i - 1, left, parent, page, climb)) return false;
+      }
+    }
+    if (!climb) return true;
+    page = parent;
   }
-  if (rightKeys > right.minKeys) return Redistribute(i, page, parent, right);
-  if (fits(page, right)) return Concatenate(i, page, parent, right, levelsLeft);
-  if (hasLeft && fits(left, page)) return Concatenate(i - 1, left, parent, page, levelsLeft);
   return true;
 }
 
@@ -281,11 +293,14 @@ bool BTree::Redistribute(uint32_t separator, BTreePage& left, BTreePage& parent,
 
 bool BTree::Concatenate(uint32_t separator, BTreePage& left, BTreePage& parent,
                         BTreePage& right) {
-  return Concatenate(separator, left, parent, right, btreePageLimit(*pageFile));
+  bool climb = false;
+  if (!Concatenate(separator, left, parent, right, climb)) return false;
+  return !climb || AdjustTree(parent);
 }
 
 bool BTree::Concatenate(uint32_t separator, BTreePage& left, BTreePage& parent, BTreePage& right,
-                        int32_t levelsLeft) {
+                        bool& climb) {
+  climb = false;
   const uint32_t s = separator;
   // The merged page must fit; AdjustTree never asks for one that doesn't.
   if (s >= parent.keyCount ||
@@ -324,6 +339,6 @@ bool BTree::Concatenate(uint32_t separator, BTreePage& left, BTreePage& parent, 
     *root = parent;
     return true;
   }
-  if (parent.keyCount < parent.minKeys) return AdjustTree(parent, levelsLeft - 1);
+  climb = parent.keyCount < parent.minKeys;
   return true;
 }
