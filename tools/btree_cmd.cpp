@@ -29,7 +29,7 @@ void addKeyOptions(CLI::App* cmd, KeyOptions& k) {
 }
 
 std::unique_ptr<BTree> openTree(const std::string& path, bool readOnly, int32_t offset = 0) {
-  auto tree = std::make_unique<BTree>(path, readOnly, offset);
+  auto tree = std::make_unique<BTree>(locate(path), readOnly, offset);
   if (!tree->isOk()) return nullptr;
   return tree;
 }
@@ -114,7 +114,7 @@ int runCreate(ToolContext& ctx, const CreateOptions& o) {
   if (o.spaceConversion < INT16_MIN || o.spaceConversion > INT16_MAX) {
     return fail(kExitUsage, "bad --space-conversion");
   }
-  BTree tree(o.file, o.order, o.keyLength, o.duplicates, static_cast<uint32_t>(lcid), flags,
+  BTree tree(locate(o.file), o.order, o.keyLength, o.duplicates, static_cast<uint32_t>(lcid), flags,
              static_cast<int16_t>(o.spaceConversion));
   if (!tree.isOk()) return fail(kExitIo, "cannot create B-tree " + o.file);
   if (ctx.json) {
@@ -461,7 +461,7 @@ Survey surveyTree(RawTree& raw, bool checkOrder) {
 int runInfo(ToolContext& ctx, const std::string& file) {
   RawTree raw;
   std::string error;
-  if (!raw.open(file, 0, &error)) return fail(kExitIo, error);
+  if (!raw.open(locate(file), 0, &error)) return fail(kExitIo, error);
   auto tree = openTree(file, true);
   if (!tree) return fail(kExitIo, "cannot open B-tree " + file);
   const RawHeader& h = raw.header();
@@ -517,7 +517,7 @@ int runInfo(ToolContext& ctx, const std::string& file) {
 int runCheck(ToolContext& ctx, const std::string& file) {
   RawTree raw;
   std::string error;
-  if (!raw.open(file, 0, &error)) return fail(kExitIo, error);
+  if (!raw.open(locate(file), 0, &error)) return fail(kExitIo, error);
   auto tree = openTree(file, true);
   if (!tree) return fail(kExitIo, "cannot open B-tree " + file);
   int32_t testKeys = 0, testPages = 0, backward = 0;
@@ -574,7 +574,7 @@ void printPage(const RawPage& p, const RawHeader& h) {
 int runDump(ToolContext& ctx, const std::string& file, int64_t onePage) {
   RawTree raw;
   std::string error;
-  if (!raw.open(file, 0, &error)) return fail(kExitIo, error);
+  if (!raw.open(locate(file), 0, &error)) return fail(kExitIo, error);
   const RawHeader& h = raw.header();
   std::vector<int32_t> order;
   if (onePage >= 0) {
@@ -616,9 +616,9 @@ int runCopy(ToolContext& ctx, const std::string& what, const std::string& src, c
   bool done;
   Progress progress(what + " " + src, -1);
   progress.update(0);
-  if (what == "compress") done = compressBTree(src, dst);
-  else if (what == "order") done = orderBTree(src, dst);
-  else done = repackBTree(src, dst, order);
+  if (what == "compress") done = compressBTree(locate(src), locate(dst));
+  else if (what == "order") done = orderBTree(locate(src), locate(dst));
+  else done = repackBTree(locate(src), locate(dst), order);
   if (!done) return fail(kExitIo, what + " of " + src + " into " + dst + " failed");
   if (ctx.json) printJson({{"source", src}, {"target", dst}, {"done", true}});
   else std::printf("%s: %s -> %s\n", what.c_str(), src.c_str(), dst.c_str());

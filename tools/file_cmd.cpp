@@ -34,7 +34,7 @@ int runPack(ToolContext& ctx, const PackOptions& o) {
 
 // Copies a file read through the transparent decompression to `out`.
 int copyExpanded(const std::string& src, FILE* out, const std::string& outName) {
-  ZFile in(src, 0x8000, 0);
+  ZFile in(locate(src), 0x8000, 0);
   if (!in.IsOpen()) return fail(kExitIo, "cannot open " + src);
   int32_t length = in.Length();
   Progress progress("reading " + src, length);

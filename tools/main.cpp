@@ -11,6 +11,10 @@ int main(int argc, char** argv) {
                  "INI file naming the program, install and update directories, the volumes and the "
                  "locations that logical paths (cd:\\..., c1:\\..., ed:\\...) resolve to");
   app.add_flag("--json", ctx.json, "machine-readable output");
+  std::string location;
+  app.add_option("--location", location,
+                 "a location of the host file's [locations]: its directory goes in front of file "
+                 "arguments that have no prefix");
   app.require_subcommand(1);
   app.footer("Exit status: 0 success, 1 not found or check failed, 2 usage error, 3 file or I/O error.\n"
              "Example: lowlevel --host host.ini btree get cd:\\index.btr apple");
@@ -36,6 +40,7 @@ int main(int argc, char** argv) {
     if (!ctx.host.load(ctx.hostFile, &error)) return fail(kExitUsage, error);
   }
   setLowLevelSupportPtr(&ctx.host);
+  setLocation(location);
   int code = ctx.action ? ctx.action() : kExitUsage;
   setLowLevelSupportPtr(nullptr);
   return code;

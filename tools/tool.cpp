@@ -1,8 +1,12 @@
 #include "tools/tool.h"
 
+#include "lowlevel/files/file.h"
+
 #include <unistd.h>
 
 #include <cstdio>
+#include <cctype>
+#include <climits>
 #include <cstdlib>
 
 int fail(int code, const std::string& message) {
@@ -112,3 +116,15 @@ bool parseMapFlags(const std::string& text, uint32_t* flags, std::string* error)
 }
 
 void printJson(const nlohmann::json& j) { std::printf("%s\n", j.dump(2).c_str()); }
+
+namespace {
+std::string g_location;
+}  // namespace
+
+void setLocation(const std::string& location) { g_location = location; }
+
+std::string locate(const std::string& path) {
+  std::string located = path;
+  if (!g_location.empty()) ZFile::BuildPath(located, g_location.c_str());
+  return located;
+}
