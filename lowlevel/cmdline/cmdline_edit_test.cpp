@@ -76,54 +76,39 @@ TEST(CmdLineEdit, AppendingLeavesTheTextAlone) {
   EXPECT_STREQ(empty.Get(), " a={b}");
 }
 
-TEST(CmdLineEdit, RebuildNormalises) {
-  ZCmdLine line("a=1 b=\"x y\" c");
-  EXPECT_TRUE(line.Remove("C"));
-  EXPECT_STREQ(line.Get(), "a={1} b={x y}");
-
-  line = "a=1 b=\"x y\" c";
-  EXPECT_TRUE(line.ReplaceValue("a", "2"));
-  EXPECT_STREQ(line.Get(), "a={2} b={x y} c");
-
-  line = "a=1 b=2 a=3 <c d>";
-  line.SetValue("A", "x");
-  EXPECT_STREQ(line.Get(), "b={2} c d A={x}");
-
-  line = "a=1 b a=3";
-  EXPECT_TRUE(line.ReplaceValue("a", ""));
-  EXPECT_STREQ(line.Get(), "a b a");
-
-  line = " only=1";
-  EXPECT_TRUE(line.Remove("only"));
-  EXPECT_STREQ(line.Get(), "");
-
-  line = " a=1 z";
-  line.UseSeparator(':');
-  EXPECT_TRUE(line.Remove("z"));
-  EXPECT_STREQ(line.Get(), "a=1");
-  line = "a:1 z";
-  EXPECT_TRUE(line.Remove("z"));
-  EXPECT_STREQ(line.Get(), "a:{1}");
+// A line holding `text` with separator `sep`, after `op` ('-' Remove, '~' ReplaceValue, '+'
+// SetValue) on `name`: the call's result (1 for SetValue) and the text, as "1|text".
+std::string Edited(ZCmdLine& line, const char* text, char sep, char op, const char* name,
+                   const char* value = "") {
+  line = std::string(text);
+  line.UseSeparator(sep);
+  bool ok = op == '-' ? line.Remove(name) : op == '~' ? line.ReplaceValue(name, value) : true;
+  if (op == '+') line.SetValue(name, value);
+  return std::to_string(ok) + "|" + line.GetCommand();
 }
 
-TEST(CmdLineEdit, RebuildHazards) {
-  ZCmdLine line("\"a b\"=1 z");
-  ASSERT_TRUE(line.Remove("z"));
+TEST(CmdLineEdit, RebuildNormalisesAndItsHazards) {
+  const struct { const char* text; char sep, op; const char* name, *value, *result; } cases[] = {
+      {"a=1 b=\"x y\" c", '=', '-', "C", "", "1|a={1} b={x y}"},
+      {"a=1 b=\"x y\" c", '=', '~', "a", "2", "1|a={2} b={x y} c"},
+      {"a=1 b=2 a=3 <c d>", '=', '+', "A", "x", "1|b={2} c d A={x}"},
+      {"a=1 b a=3", '=', '~', "a", "", "1|a b a"},
+      {" only=1", '=', '-', "only", "", "1|"},
+      {" a=1 z", ':', '-', "z", "", "1|a=1"},
+      {"a:1 z", ':', '-', "z", "", "1|a:{1}"},
+      // An entry with neither name nor value vanishes, and takes no blank with it at the front.
+      {"= b \"\" c z", '=', '-', "z", "", "1|b  c"},
+      {"a=\"x}y\" z", '=', '-', "z", "", "1|a={x}y}"},
+  };
+  ZCmdLine line;
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.result, Edited(line, c.text, c.sep, c.op, c.name, c.value)) << c.text;
+  }
+  EXPECT_EQ(Walk(line), (Entries{{"a", "x"}, {"y}", ""}}));  // the value's closer was lost
+  Edited(line, "\"a b\"=1 z", '=', '-', "z");
   EXPECT_EQ(Walk(line), (Entries{{"a", ""}, {"b", "1"}}));
-
-  line = "a=\"x}y\" z";
-  ASSERT_TRUE(line.Remove("z"));
-  EXPECT_STREQ(line.Get(), "a={x}y}");
-  EXPECT_EQ(Walk(line), (Entries{{"a", "x"}, {"y}", ""}}));
-
-  line = "a=\"{x} {y{}}\" z";
-  ASSERT_TRUE(line.Remove("z"));
+  Edited(line, "a=\"{x} {y{}}\" z", '=', '-', "z");
   EXPECT_EQ(Walk(line), (Entries{{"a", "{x} {y{}}"}}));
-
-  // An entry with neither name nor value vanishes, and takes no blank with it at the front.
-  line = "= b \"\" c z";
-  ASSERT_TRUE(line.Remove("z"));
-  EXPECT_STREQ(line.Get(), "b  c");
 }
 
 TEST(CmdLineState, WhatEndsAWalkAndWhatForcesAScan) {

@@ -40,35 +40,28 @@ class Random {
   std::mt19937 engine_;
 };
 
-bool StartsWithOpener(const std::string& s) {
-  return !s.empty() && std::string("\"<{[").find(s[0]) != std::string::npos;
+// Whether two names are the same ignoring ASCII case.
+bool SameName(std::string a, std::string b) {
+  for (std::string* s : {&a, &b}) {
+    for (char& c : *s) c = (c >= 'a' && c <= 'z') ? static_cast<char>(c - 32) : c;
+  }
+  return a == b;
 }
 
-bool BracesMatched(const std::string& s) {
+// Whether writing the entry bare, or as name={value}, reads back as the same entry: the name has
+// no blank, separator or opening delimiter in front, and the value's braces match.
+bool Survives(const std::pair<std::string, std::string>& e) {
+  const std::string& name = e.first;
+  if ((name.empty() && e.second.empty()) || name.find_first_of(" =") != std::string::npos ||
+      (!name.empty() && std::string("\"<{[").find(name[0]) != std::string::npos)) {
+    return false;
+  }
   int depth = 0;
-  for (char c : s) {
+  for (char c : e.second) {
     if (c == '{') ++depth;
     if (c == '}' && --depth < 0) return false;
   }
   return depth == 0;
-}
-
-bool SameName(const std::string& a, const std::string& b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    const char x = (a[i] >= 'a' && a[i] <= 'z') ? static_cast<char>(a[i] - 32) : a[i];
-    const char y = (b[i] >= 'a' && b[i] <= 'z') ? static_cast<char>(b[i] - 32) : b[i];
-    if (x != y) return false;
-  }
-  return true;
-}
-
-// Whether writing the entry bare, or as name={value}, reads back as the same entry.
-bool Survives(const std::pair<std::string, std::string>& e) {
-  const std::string& name = e.first;
-  if (name.empty() && e.second.empty()) return false;
-  return name.find_first_of(" =") == std::string::npos && !StartsWithOpener(name) &&
-         BracesMatched(e.second);
 }
 
 // The rebuilt text of a line: a sentinel entry in front is removed, which rewrites everything else.
@@ -81,7 +74,7 @@ std::string Rebuilt(const std::string& text) {
 TEST(CmdLineProperty, LosslessRebuildReadsBackTheSameEntries) {
   lltest::RecordingSupport host;  // keeps the reports of unterminated texts quiet
   int lossless = 0;
-  for (uint32_t seed = 1; seed <= 3000; ++seed) {
+  for (uint32_t seed = 1; seed <= 2000; ++seed) {
     Random rnd(seed);
     std::string text;
     for (uint32_t n = rnd.Below(8); n > 0; --n) {
@@ -111,12 +104,12 @@ TEST(CmdLineProperty, LosslessRebuildReadsBackTheSameEntries) {
       ASSERT_EQ(Walk(line), expected) << "seed " << seed;
     }
   }
-  EXPECT_GT(lossless, 600);
+  EXPECT_GT(lossless, 400);
 }
 
 TEST(CmdLineRobustness, RandomBytesAnySeparator) {
   lltest::RecordingSupport host;
-  for (uint32_t seed = 1; seed <= 2000; ++seed) {
+  for (uint32_t seed = 1; seed <= 1000; ++seed) {
     Random rnd(seed);
     std::string text;
     for (uint32_t n = rnd.Below(200); n > 0; --n) text += static_cast<char>(rnd.Below(256));
