@@ -30,84 +30,70 @@ std::string mapped(uint32_t lcid, uint32_t flags, const std::string& text) {
   return out;
 }
 
-TEST(LcMapSortKey, OrdersTextsAsTheLocaleDoes) {
-  EXPECT_LT(mapped(kEnglish, kKeyNoCase, "apple"), mapped(kEnglish, kKeyNoCase, "Banana"));
-  EXPECT_LT(mapped(kEnglish, kKeyNoCase, "Banana"), mapped(kEnglish, kKeyNoCase, "cherry"));
-  // Accents rank after the plain word and before any longer one; case is ignored.
-  std::string resume = mapped(kEnglish, kKeyNoCase, "resume");
-  std::string accented = mapped(kEnglish, kKeyNoCase, "r\xE9sum\xE9");
-  EXPECT_EQ(mapped(kEnglish, kKeyNoCase, "RESUME"), resume);
-  EXPECT_EQ(mapped(kEnglish, kKeyNoCase, "R\xC9SUM\xC9"), accented);
-  EXPECT_LT(resume, accented);
-  EXPECT_LT(accented, mapped(kEnglish, kKeyNoCase, "resumes"));
-  // Case counts without the flag; accents are ignored, case kept, with ignore-nonspace alone.
-  EXPECT_LT(mapped(kEnglish, kLcmapSortKey, "resume"), mapped(kEnglish, kLcmapSortKey, "Resume"));
-  uint32_t noAccent = kLcmapSortKey | kNormIgnoreNonSpace;
-  EXPECT_EQ(mapped(kEnglish, noAccent, "r\xE9sum\xE9"), mapped(kEnglish, noAccent, "resume"));
-  EXPECT_NE(mapped(kEnglish, noAccent, "Resume"), mapped(kEnglish, noAccent, "resume"));
-  // A key ends in its only zero byte.
-  EXPECT_EQ(accented.find('\0'), accented.size() - 1);
+// How the keys of neighbouring texts compare: "<", "=" or ">" for each pair, joined.
+std::string order(uint32_t lcid, uint32_t flags, std::initializer_list<std::string> texts) {
+  std::string out, previous;
+  for (const std::string& text : texts) {
+    std::string key = mapped(lcid, flags, text);
+    if (&text != texts.begin()) out += key == previous ? "=" : previous < key ? "<" : ">";
+    previous = key;
+  }
+  return out;
 }
 
-TEST(LcMapSortKey, HyphensWordSortStringSortAndSymbols) {
-  EXPECT_LT(mapped(kEnglish, kLcmapSortKey, "coop"), mapped(kEnglish, kLcmapSortKey, "co-op"));
-  EXPECT_LT(mapped(kEnglish, kLcmapSortKey, "co-op"), mapped(kEnglish, kLcmapSortKey, "coopa"));
-  uint32_t stringSort = kLcmapSortKey | kSortStringSort;
-  EXPECT_LT(mapped(kEnglish, stringSort, "co-op"), mapped(kEnglish, stringSort, "coop"));
-  uint32_t noSymbols = kLcmapSortKey | kNormIgnoreSymbols;
-  EXPECT_EQ(mapped(kEnglish, noSymbols, "co-op"), mapped(kEnglish, noSymbols, "coop"));
-  EXPECT_EQ(mapped(kEnglish, noSymbols, "c o,o$p!"), mapped(kEnglish, noSymbols, "coop"));
+TEST(LcMapSortKey, OrdersTextsAsTheLocaleDoes) {
+  EXPECT_EQ("<<", order(kEnglish, kKeyNoCase, {"apple", "Banana", "cherry"}));
+  // Accents rank after the plain word and before any longer one; case is ignored.
+  EXPECT_EQ("=<=<", order(kEnglish, kKeyNoCase,
+                          {"RESUME", "resume", "r\xE9sum\xE9", "R\xC9SUM\xC9", "resumes"}));
+  // Case counts without the flag; accents are ignored, case kept, with ignore-nonspace alone.
+  EXPECT_EQ("<", order(kEnglish, kLcmapSortKey, {"resume", "Resume"}));
+  EXPECT_EQ("=<", order(kEnglish, kLcmapSortKey | kNormIgnoreNonSpace,
+                        {"r\xE9sum\xE9", "resume", "Resume"}));
+  std::string accented = mapped(kEnglish, kKeyNoCase, "r\xE9sum\xE9");
+  EXPECT_EQ(accented.find('\0'), accented.size() - 1);  // a key ends in its only zero byte
+  // Hyphens: word sort, string sort and symbols ignored.
+  EXPECT_EQ("<<", order(kEnglish, kLcmapSortKey, {"coop", "co-op", "coopa"}));
+  EXPECT_EQ("<", order(kEnglish, kLcmapSortKey | kSortStringSort, {"co-op", "coop"}));
+  EXPECT_EQ("==",
+            order(kEnglish, kLcmapSortKey | kNormIgnoreSymbols, {"co-op", "coop", "c o,o$p!"}));
 }
 
 TEST(LcMapSortKey, DefaultIdentifiersAreTheRootLocale) {
-  std::string root = mapped(0, kLcmapSortKey,
-                            "Stra\xDF"
-                            "e");
+  const std::string text = "Stra\xDF" "e", root = mapped(0, kLcmapSortKey, text);
   for (uint32_t lcid : {0x0400u, 0x0800u, 0x007Fu}) {
-    EXPECT_EQ(mapped(lcid, kLcmapSortKey,
-                     "Stra\xDF"
-                     "e"),
-              root)
-        << lcid;
+    EXPECT_EQ(mapped(lcid, kLcmapSortKey, text), root) << lcid;
   }
   // Texts with -1 give the same key: the key's own zero is the terminator.
   char key[64];
-  int size = lcMapString(0, kLcmapSortKey,
-                         "Stra\xDF"
-                         "e",
-                         -1, key, sizeof key);
+  int size = lcMapString(0, kLcmapSortKey, text.c_str(), -1, key, sizeof key);
   EXPECT_EQ(std::string(key, static_cast<size_t>(size)), root);
 }
 
-TEST(LcMapText, CaseMappingFollowsLocaleAndCodePage) {
-  EXPECT_EQ(mapped(kEnglish, kLcmapLowercase, "\xC4\xD6\xDC xY"), "\xE4\xF6\xFC xy");
-  // Sharp s grows to SS, y diaeresis becomes 0x9F, micro has no capital in 1252 and stays.
-  EXPECT_EQ(mapped(kEnglish, kLcmapUppercase, "\xE4\xF6\xFC\xB5\xDF\xFF"),
-            "\xC4\xD6\xDC\xB5SS\x9F");
-  EXPECT_EQ(mapped(kEnglish, kNormIgnoreCase, "AbC"), "abc");
-  // Turkish in 1254: dotted capital I is 0xDD, dotless small i is 0xFD.
-  EXPECT_EQ(mapped(kTurkish, kLcmapUppercase, "i"), "\xDD");
-  EXPECT_EQ(mapped(kTurkish, kLcmapLowercase, "I"), "\xFD");
-  EXPECT_EQ(mapped(kEnglish, kLcmapUppercase, "i"), "I");
-  EXPECT_EQ(mapped(kEnglish, kLcmapLowercase, "I"), "i");
-  // Cyrillic in 1251, Greek final sigma in 1253.
-  EXPECT_EQ(mapped(kRussian, kLcmapUppercase, "\xE0\xE1\xE2\xB8"), "\xC0\xC1\xC2\xA8");
-  EXPECT_EQ(mapped(kRussian, kLcmapLowercase, "\xC0\xC1\xC2\xA8"), "\xE0\xE1\xE2\xB8");
-  EXPECT_EQ(mapped(kGreek, kLcmapLowercase, "\xD3\xC4\xD3\xD3 \xD3"), "\xF3\xE4\xF3\xF2 \xF3");
-}
-
-TEST(LcMapText, RemovalsFoldingsAndCopy) {
-  EXPECT_EQ(mapped(kEnglish, kNormIgnoreNonSpace, "R\xE9sum\xE9"), "Resume");
-  EXPECT_EQ(mapped(kEnglish, kNormIgnoreSymbols,
-                   "a b-c!d$e\xA7"
-                   "f"),
-            "abcdef");
-  EXPECT_EQ(mapped(kEnglish, kNormIgnoreSymbols | kLcmapUppercase, "\xE9-t\xE9"), "\xC9T\xC9");
-  // Flags 0 copy every byte, also those the code page leaves unassigned.
-  EXPECT_EQ(mapped(kEnglish, 0, std::string("a\x81\0b", 4)), std::string("a\x81\0b", 4));
-  // Code page 932: full-width A B to A B; hiragana a to katakana a.
-  EXPECT_EQ(mapped(kJapanese, kNormIgnoreWidth, "\x82\x60\x82\x61"), "AB");
-  EXPECT_EQ(mapped(kJapanese, kNormIgnoreKanaType, "\x82\xA0"), "\x83\x41");
+TEST(LcMapText, MappingsFollowLocaleAndCodePage) {
+  const struct { uint32_t lcid, flags; std::string in, out; } cases[] = {
+      {kEnglish, kLcmapLowercase, "\xC4\xD6\xDC xY", "\xE4\xF6\xFC xy"},
+      // Sharp s grows to SS, y diaeresis becomes 0x9F, micro has no capital in 1252 and stays.
+      {kEnglish, kLcmapUppercase, "\xE4\xF6\xFC\xB5\xDF\xFF", "\xC4\xD6\xDC\xB5SS\x9F"},
+      {kEnglish, kNormIgnoreCase, "AbC", "abc"},
+      // Turkish in 1254: dotted capital I is 0xDD, dotless small i is 0xFD.
+      {kTurkish, kLcmapUppercase, "i", "\xDD"}, {kTurkish, kLcmapLowercase, "I", "\xFD"},
+      {kEnglish, kLcmapUppercase, "i", "I"}, {kEnglish, kLcmapLowercase, "I", "i"},
+      // Cyrillic in 1251, Greek final sigma in 1253.
+      {kRussian, kLcmapUppercase, "\xE0\xE1\xE2\xB8", "\xC0\xC1\xC2\xA8"},
+      {kRussian, kLcmapLowercase, "\xC0\xC1\xC2\xA8", "\xE0\xE1\xE2\xB8"},
+      {kGreek, kLcmapLowercase, "\xD3\xC4\xD3\xD3 \xD3", "\xF3\xE4\xF3\xF2 \xF3"},
+      // Removals and foldings.
+      {kEnglish, kNormIgnoreNonSpace, "R\xE9sum\xE9", "Resume"},
+      {kEnglish, kNormIgnoreSymbols, "a b-c!d$e\xA7" "f", "abcdef"},
+      {kEnglish, kNormIgnoreSymbols | kLcmapUppercase, "\xE9-t\xE9", "\xC9T\xC9"},
+      // Flags 0 copy every byte, also those the code page leaves unassigned.
+      {kEnglish, 0, std::string("a\x81\0b", 4), std::string("a\x81\0b", 4)},
+      // Code page 932: full-width A B to A B; hiragana a to katakana a.
+      {kJapanese, kNormIgnoreWidth, "\x82\x60\x82\x61", "AB"},
+      {kJapanese, kNormIgnoreKanaType, "\x82\xA0", "\x83\x41"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(mapped(c.lcid, c.flags, c.in), c.out) << c.in;
   EXPECT_EQ(mapped(kJapanese, kLcmapSortKey | kNormIgnoreWidth, "\x82\x60"),
             mapped(kJapanese, kLcmapSortKey, "A"));
 }
