@@ -55,7 +55,15 @@ bool ToolHost::load(const std::string& path, std::string* error) {
       return false;
     }
     std::string key = trim(t.substr(0, eq));
-    std::string value = trim(t.substr(eq + 1));
+    std::string value = t.substr(eq + 1);
+    // A comment may follow a value after white space: "cd = disc/   ; the default volume".
+    for (size_t i = 1; i < value.size(); ++i) {
+      if ((value[i] == ';' || value[i] == '#') && (value[i - 1] == ' ' || value[i - 1] == '\t')) {
+        value.erase(i);
+        break;
+      }
+    }
+    value = trim(value);
     if (section == "directories") {
       std::string k = lower(key);
       if (k == "program") m_sExeDir = absolute(value);

@@ -114,7 +114,7 @@ if command -v zstd >/dev/null; then
 fi
 mkdir -p vol1
 "$tool" pack long.cbt vol1/index.cbt >/dev/null
-printf '[volumes]\ncd = vol1/\n[locations]\ndata = vol1/\n' > host.ini
+printf '; test host\n[volumes]\ncd = vol1/   ; the default volume\n[locations]\ndata = vol1/\n' > host.ini
 expect "logical path through a host file" 0 "4" -- "$tool" --host host.ini btree get 'cd:\index.cbt' kiwi
 expect "location" 0 "4" -- "$tool" --host host.ini --location data btree get index.cbt kiwi
 expect_err "unconfigured location" 3 "No location given for files" -- \
