@@ -25,9 +25,41 @@ unsigned givenLength(const void* key, unsigned length) {
 
 BTreePageKey::BTreePageKey() : data(nullptr), length(0), size(0) {}
 
+unsigned char* BTreePageKey::allocate(unsigned bytes) {
+  if (bytes <= kSmallSize) return small;
+  return static_cast<unsigned char*>(std::malloc(bytes));
+}
+
+void BTreePageKey::release() {
+  if (data != small) std::free(data);
+  data = nullptr;
+}
+
+unsigned char* BTreePageKey::resize(unsigned size_) {
+  // A buffer of the same width is reused; any other is given back first.
+  if (data == nullptr || size != size_) {
+    release();
+    data = allocate(size_ ? size_ : 1);
+  }
+  if (data == nullptr) {
+    length = 0;
+    size = 0;
+    return nullptr;
+  }
+  length = size_;
+  size = size_;
+  return data;
+}
+
+void BTreePageKey::clear() {
+  release();
+  length = 0;
+  size = 0;
+}
+
 BTreePageKey::BTreePageKey(unsigned size_, const void* key, unsigned length_)
     : data(nullptr), length(0), size(size_) {
-  data = static_cast<unsigned char*>(std::malloc(size ? size : 1));
+  data = allocate(size ? size : 1);
   if (data == nullptr) {
     // Left as the empty key: a slot that was never filled.
     reporterLL("Out of Memory", "BTreePageKey::BTreePageKey", eReportError, kModule, __LINE__);
@@ -43,7 +75,7 @@ BTreePageKey::BTreePageKey(unsigned size_, const void* key, unsigned length_)
 
 BTreePageKey::BTreePageKey(unsigned size_, const void* key, unsigned length_, int32_t value)
     : data(nullptr), length(0), size(size_) {
-  data = static_cast<unsigned char*>(std::malloc(size ? size : 1));
+  data = allocate(size ? size : 1);
   if (data == nullptr) {
     reporterLL("Out of Memory", "BTreePageKey::BTreePageKey", eReportError, kModule, __LINE__);
     size = 0;
@@ -68,7 +100,7 @@ BTreePageKey::BTreePageKey(unsigned size_, const void* key, unsigned length_, in
 BTreePageKey::BTreePageKey(const BTreePageKey& other)
     : data(nullptr), length(other.length), size(other.size) {
   if (other.data == nullptr) return;
-  data = static_cast<unsigned char*>(std::malloc(size ? size : 1));
+  data = allocate(size ? size : 1);
   if (data == nullptr) {
     reporterLL("Out of Memory", "BTreePageKey::BTreePageKey", eReportError, kModule, __LINE__);
     length = 0;
@@ -80,23 +112,28 @@ BTreePageKey::BTreePageKey(const BTreePageKey& other)
 
 BTreePageKey& BTreePageKey::operator=(const BTreePageKey& other) {
   if (this == &other) return *this;
-  std::free(data);
-  data = nullptr;
-  length = other.length;
-  size = other.size;
-  if (other.data == nullptr) return *this;
-  data = static_cast<unsigned char*>(std::malloc(size ? size : 1));
-  if (data == nullptr) {
-    reporterLL("Out of Memory", "BTreePageKey::operator =", eReportError, kModule, __LINE__);
-    length = 0;
-    size = 0;
+  if (other.data == nullptr) {
+    clear();
     return *this;
   }
+  // The same outcome as freeing and copying, but a buffer of the right width is kept.
+  if (data == nullptr || size != other.size) {
+    release();
+    data = allocate(other.size ? other.size : 1);
+    if (data == nullptr) {
+      reporterLL("Out of Memory", "BTreePageKey::operator =", eReportError, kModule, __LINE__);
+      length = 0;
+      size = 0;
+      return *this;
+    }
+  }
+  length = other.length;
+  size = other.size;
   if (size > 0) std::memcpy(data, other.data, size);
   return *this;
 }
 
-BTreePageKey::~BTreePageKey() { std::free(data); }
+BTreePageKey::~BTreePageKey() { release(); }
 
 int BTreePageKey::compare(const BTreePageKey& other) const {
   // All keys of one tree have one size; the shorter size bounds the comparison so that a stray

@@ -28,9 +28,25 @@ class BTreePageKey {
   // or 1). Keys of different sizes compare over the shorter size, then the shorter sorts first.
   int compare(const BTreePageKey& other) const;
 
+  // Makes this key a buffer of `size` bytes (reusing the one it has when that is big enough) and
+  // returns it, or null when it cannot be allocated (the key is then empty). The bytes are
+  // undefined; `length` is set to `size`.
+  unsigned char* resize(unsigned size);
+  // Makes this the empty key.
+  void clear();
+
   unsigned char* data;
   uint32_t length;  // key bytes given, after cutting; no decision rests on it
   uint32_t size;    // the slot width, value tail included
+
+ private:
+  // Keys up to this width live inside the object, so building, copying and reading a page of
+  // such keys allocates nothing per key. `data` then points at `small`; wider keys get a heap
+  // buffer. Either way `data` is owned by this key and never shared.
+  static constexpr unsigned kSmallSize = 32;
+  unsigned char* allocate(unsigned bytes);
+  void release();
+  unsigned char small[kSmallSize];
 };
 
 class BTreePage {

@@ -45,13 +45,6 @@ bool knownVersion(int32_t version) {
 // The most key bytes a compressed record can store for one key: the table entries are 16-bit.
 constexpr int32_t kMaxCompressedKeyBytes = 32767;
 
-// Gives the buffer of `from` to `to` (the slot's old buffer goes with `from`).
-void adoptKey(BTreePageKey& to, BTreePageKey& from) {
-  std::swap(to.data, from.data);
-  std::swap(to.length, from.length);
-  std::swap(to.size, from.size);
-}
-
 // Replaces the whole content of `page` by that of `scratch`; the old arrays go with `scratch`.
 void adoptPage(BTreePage& page, BTreePage& scratch) {
   std::swap(page.offset, scratch.offset);
@@ -293,36 +286,32 @@ int64_t BTreePageFile::recordLimit() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Numbers to and from the file
+// Scratch space
 
-bool BTreePageFile::readInts(int32_t* target, uint32_t count) {
-  const size_t bytes = static_cast<size_t>(count) * 4;
-  if (bytes > INT32_MAX) return false;
+unsigned char* BTreePageFile::ioSpace(size_t bytes) {
   if (bytes > ioBufferSize) {
     unsigned char* grown = static_cast<unsigned char*>(std::malloc(bytes));
-    if (grown == nullptr) return false;
+    if (grown == nullptr) return nullptr;
     std::free(ioBuffer);
     ioBuffer = grown;
     ioBufferSize = bytes;
   }
-  if (bytes == 0) return true;
-  if (file.Read(ioBuffer, static_cast<int>(bytes)) != static_cast<int>(bytes)) return false;
-  for (uint32_t i = 0; i < count; ++i) target[i] = get32(ioBuffer + 4 * static_cast<size_t>(i));
-  return true;
+  return ioBuffer;
 }
 
-bool BTreePageFile::writeInts(const int32_t* source, uint32_t count) {
-  const size_t bytes = static_cast<size_t>(count) * 4;
-  if (bytes > INT32_MAX) return false;
-  if (bytes > ioBufferSize) {
-    unsigned char* grown = static_cast<unsigned char*>(std::malloc(bytes));
-    if (grown == nullptr) return false;
-    std::free(ioBuffer);
-    ioBuffer = grown;
-    ioBufferSize = bytes;
+// The scratch page of the header's shape that the next read fills. It is the page that the
+// previous read swapped out of its target, so in a steady walk no read allocates anything.
+BTreePage* BTreePageFile::scratchPage() {
+  const uint32_t order = static_cast<uint32_t>(hdr.order);
+  const uint32_t keyLength = static_cast<uint32_t>(hdr.keyLength);
+  if (spare.isPlaceholder() || spare.order != order || spare.keyLength != keyLength) {
+    BTreePage fresh(order, keyLength);
+    if (fresh.isPlaceholder()) return nullptr;
+    adoptPage(spare, fresh);
   }
-  for (uint32_t i = 0; i < count; ++i) put32(ioBuffer + 4 * static_cast<size_t>(i), source[i]);
-  return file.Write(ioBuffer, static_cast<int>(bytes)) == static_cast<int>(bytes);
+  spare.maxKeys = order - 1;
+  spare.minKeys = order >> 1;
+  return &spare;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -334,61 +323,72 @@ bool BTreePageFile::readPage(int32_t offset, BTreePage& page) {
   if (offset < 0 || position > INT32_MAX) return false;
   if (file.Seek(static_cast<int32_t>(position), 0) != position) return false;
 
-  BTreePage scratch(static_cast<unsigned>(hdr.order), static_cast<unsigned>(hdr.keyLength));
-  if (scratch.isPlaceholder()) return false;
+  BTreePage* scratch = scratchPage();
+  if (scratch == nullptr) return false;
+  const bool done = hdr.compressed != 0 ? readCompressedRecord(offset, *scratch)
+                                        : readUncompressedRecord(offset, *scratch);
+  if (!done) return false;
+  adoptPage(page, *scratch);
+  return true;
+}
 
-  if (hdr.compressed != 0) {
-    unsigned char head[kBTreeCompressedPageHeadSize];
-    if (file.Read(head, kBTreeCompressedPageHeadSize) != kBTreeCompressedPageHeadSize) return false;
-    scratch.offset = get32(head);
-    scratch.parentOffset = get32(head + 4);
-    scratch.keyCount = static_cast<uint32_t>(get32(head + 8));
-  } else {
-    unsigned char head[kBTreePageHeadSize];
-    if (file.Read(head, kBTreePageHeadSize) != kBTreePageHeadSize) return false;
-    scratch.offset = get32(head);
-    scratch.parentOffset = get32(head + 4);
-    // maxKeys and minKeys of the record are not trusted: the arrays are sized by the header.
-    const uint32_t order = static_cast<uint32_t>(get32(head + 8));
-    scratch.keyCount = static_cast<uint32_t>(get32(head + 20));
-    const uint32_t keyLength = static_cast<uint32_t>(get32(head + 24));
-    if (order != scratch.order || keyLength != scratch.keyLength) return false;
-  }
+// The whole record in one read, then cut into head, keys, values and children.
+bool BTreePageFile::readUncompressedRecord(int32_t offset, BTreePage& scratch) {
+  const int64_t recordSize = btreeRecordSize(hdr.order, hdr.keyLength);
+  if (recordSize <= 0) return false;
+  unsigned char* record = ioSpace(static_cast<size_t>(recordSize));
+  if (record == nullptr) return false;
+  if (file.Read(record, static_cast<int>(recordSize)) != recordSize) return false;
+  scratch.offset = get32(record);
+  scratch.parentOffset = get32(record + 4);
+  // maxKeys and minKeys of the record are not trusted: the arrays are sized by the header.
+  const uint32_t order = static_cast<uint32_t>(get32(record + 8));
+  scratch.keyCount = static_cast<uint32_t>(get32(record + 20));
+  const uint32_t keyLength = static_cast<uint32_t>(get32(record + 24));
+  if (order != scratch.order || keyLength != scratch.keyLength) return false;
   if (scratch.offset != offset) return false;
   if (scratch.keyCount > scratch.maxKeys) return false;
 
-  if (hdr.compressed != 0) {
-    if (!readCompressedBody(scratch)) return false;
-  } else {
-    if (!readUncompressedKeys(scratch)) return false;
-    if (!readInts(scratch.values, scratch.maxKeys)) return false;
-  }
-  if (!readInts(scratch.children, scratch.order)) return false;
-  adoptPage(page, scratch);
-  return true;
-}
-
-bool BTreePageFile::readUncompressedKeys(BTreePage& scratch) {
-  if (file.Read(keyBuffer, keyBufferSize) != keyBufferSize) return false;
   const uint32_t k = scratch.keyLength;
-  for (uint32_t i = 0; i < scratch.keyCount; ++i) {
+  const unsigned char* p = record + kBTreePageHeadSize;
+  for (uint32_t i = 0; i < scratch.maxKeys; ++i, p += k) {
     BTreePageKey& key = scratch.keys[i];
-    key.data = static_cast<unsigned char*>(std::malloc(k));
-    if (key.data == nullptr) {
+    // Slots from keyCount on stay empty: what the file holds there is never looked at.
+    if (i >= scratch.keyCount) {
+      key.clear();
+      continue;
+    }
+    unsigned char* bytes = key.resize(k);
+    if (bytes == nullptr) {
       reporterLL("Out of Memory", "BTreePageKey::BTreePageKey", eReportError, kModule, __LINE__);
       return false;
     }
-    std::memcpy(key.data, keyBuffer + static_cast<size_t>(i) * k, k);
-    key.length = k;
-    key.size = k;
+    std::memcpy(bytes, p, k);
   }
+  for (uint32_t i = 0; i < scratch.maxKeys; ++i, p += 4) scratch.values[i] = get32(p);
+  for (uint32_t i = 0; i < scratch.order; ++i, p += 4) scratch.children[i] = get32(p);
   return true;
 }
 
-bool BTreePageFile::readCompressedBody(BTreePage& scratch) {
+// Two reads: the head with the key length table, then keys, values and children, whose size the
+// table tells. Nothing behind the record is read.
+bool BTreePageFile::readCompressedRecord(int32_t offset, BTreePage& scratch) {
   if (!ensureKeyLengthTable()) return false;
-  unsigned char* raw = reinterpret_cast<unsigned char*>(keyLengthTable);
-  if (file.Read(raw, keyLengthTableSize) != keyLengthTableSize) return false;
+  const size_t valueBytes = 4 * static_cast<size_t>(scratch.maxKeys);
+  const size_t childBytes = 4 * static_cast<size_t>(scratch.order);
+  const size_t headBytes = kBTreeCompressedPageHeadSize + static_cast<size_t>(keyLengthTableSize);
+  const size_t most = headBytes + static_cast<size_t>(keyBufferSize) + valueBytes + childBytes;
+  if (most > INT32_MAX) return false;
+  unsigned char* record = ioSpace(most);
+  if (record == nullptr) return false;
+  if (file.Read(record, static_cast<int>(headBytes)) != static_cast<int>(headBytes)) return false;
+  scratch.offset = get32(record);
+  scratch.parentOffset = get32(record + 4);
+  scratch.keyCount = static_cast<uint32_t>(get32(record + 8));
+  if (scratch.offset != offset) return false;
+  if (scratch.keyCount > scratch.maxKeys) return false;
+
+  const unsigned char* raw = record + kBTreeCompressedPageHeadSize;
   const uint32_t slots = static_cast<uint32_t>(keyLengthTableSize / 2);
   const int32_t keyRoom = hdr.keyLength - (hdr.duplicates != 0 ? 4 : 0);
   int64_t total = 0;
@@ -402,17 +402,25 @@ bool BTreePageFile::readCompressedBody(BTreePage& scratch) {
     total += entry;
   }
   if (total > keyBufferSize) return false;
-  if (total > 0 && file.Read(keyBuffer, static_cast<int>(total)) != total) return false;
-  if (!readInts(scratch.values, scratch.maxKeys)) return false;
-  size_t p = 0;
+  const size_t rest = static_cast<size_t>(total) + valueBytes + childBytes;
+  unsigned char* body = record + headBytes;
+  if (file.Read(body, static_cast<int>(rest)) != static_cast<int>(rest)) return false;
+  const unsigned char* values = body + total;
+  for (uint32_t i = 0; i < scratch.maxKeys; ++i) scratch.values[i] = get32(values + 4 * size_t{i});
+  const unsigned char* children = values + valueBytes;
+  for (uint32_t i = 0; i < scratch.order; ++i) scratch.children[i] = get32(children + 4 * size_t{i});
+
   const unsigned k = static_cast<unsigned>(hdr.keyLength);
-  for (uint32_t i = 0; i < scratch.keyCount && i < slots; ++i) {
+  size_t p = 0;
+  for (uint32_t i = 0; i < scratch.maxKeys; ++i) {
+    if (i >= scratch.keyCount || i >= slots) {
+      scratch.keys[i].clear();
+      continue;
+    }
     const unsigned n = static_cast<unsigned>(keyLengthTable[i]);
-    BTreePageKey key = hdr.duplicates != 0
-                           ? BTreePageKey(k, keyBuffer + p, n, scratch.values[i])
-                           : BTreePageKey(k, keyBuffer + p, n);
-    if (key.data == nullptr) return false;
-    adoptKey(scratch.keys[i], key);
+    scratch.keys[i] = hdr.duplicates != 0 ? BTreePageKey(k, body + p, n, scratch.values[i])
+                                          : BTreePageKey(k, body + p, n);
+    if (scratch.keys[i].data == nullptr) return false;
     p += n;
   }
   return true;
@@ -426,10 +434,14 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
     return false;
   // Nothing is ever written over the header.
   if (page.offset != -1 && page.offset < kBTreeHeaderSize) return false;
+  const int64_t recordSize = btreeRecordSize(hdr.order, hdr.keyLength);
+  if (recordSize <= 0) return false;
+  unsigned char* record = ioSpace(static_cast<size_t>(recordSize));
+  if (record == nullptr) return false;
+  bool positioned = false;  // the file position already stands at page.offset
   if (page.offset == -1) {
     if (hdr.freeListHead != -1) {
       const int32_t place = hdr.freeListHead;
-      const int64_t recordSize = btreeRecordSize(hdr.order, hdr.keyLength);
       // A chain entry that is not the start of a record belongs to a damaged file.
       if (place < kBTreeHeaderSize || (place - kBTreeHeaderSize) % recordSize != 0) return false;
       if (file.Seek(place, 0) != place) return false;
@@ -440,40 +452,36 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
       page.offset = place;
       hdr.freeListHead = next;
     } else {
-      if (file.Seek(0, 2) == -1) return false;
-      const int32_t end = file.Position();
+      // The end of the file is where the seek leaves the position.
+      const int32_t end = file.Seek(0, 2);
+      if (end == -1) return false;
       if (end < kBTreeHeaderSize) return false;
       page.offset = end;
+      positioned = true;
     }
   }
-  if (file.Seek(page.offset, 0) != page.offset) return false;
+  if (!positioned && file.Seek(page.offset, 0) != page.offset) return false;
 
-  unsigned char head[kBTreePageHeadSize];
-  put32(head, page.offset);
-  put32(head + 4, page.parentOffset);
-  put32(head + 8, static_cast<int32_t>(page.order));
-  put32(head + 12, static_cast<int32_t>(page.maxKeys));
-  put32(head + 16, static_cast<int32_t>(page.minKeys));
-  put32(head + 20, static_cast<int32_t>(page.keyCount));
-  put32(head + 24, static_cast<int32_t>(page.keyLength));
-  if (file.Write(head, kBTreePageHeadSize) != kBTreePageHeadSize) return false;
-
-  const int k = hdr.keyLength;
-  for (uint32_t i = 0; i < page.maxKeys; ++i) {
+  // The record goes out from one buffer in one write.
+  put32(record, page.offset);
+  put32(record + 4, page.parentOffset);
+  put32(record + 8, static_cast<int32_t>(page.order));
+  put32(record + 12, static_cast<int32_t>(page.maxKeys));
+  put32(record + 16, static_cast<int32_t>(page.minKeys));
+  put32(record + 20, static_cast<int32_t>(page.keyCount));
+  put32(record + 24, static_cast<int32_t>(page.keyLength));
+  unsigned char* p = record + kBTreePageHeadSize;
+  const uint32_t width = static_cast<uint32_t>(hdr.keyLength);
+  for (uint32_t i = 0; i < page.maxKeys; ++i, p += width) {
     const BTreePageKey& key = page.keys[i];
-    const void* bytes = key.data;
-    if (key.data == nullptr || key.size != static_cast<uint32_t>(k)) {
-      // An empty slot is written as zeros; a key of a stray width is cut or padded to the slot.
-      const uint32_t width = static_cast<uint32_t>(k);
-      const uint32_t n = key.data == nullptr ? 0 : (key.size < width ? key.size : width);
-      if (n > 0) std::memcpy(keyBuffer, key.data, n);
-      std::memset(keyBuffer + n, 0, static_cast<size_t>(k) - n);
-      bytes = keyBuffer;
-    }
-    if (file.Write(bytes, k) != k) return false;
+    // An empty slot is written as zeros; a key of a stray width is cut or padded to the slot.
+    const uint32_t n = key.data == nullptr ? 0 : (key.size < width ? key.size : width);
+    if (n > 0) std::memcpy(p, key.data, n);
+    if (n < width) std::memset(p + n, 0, width - n);
   }
-  if (!writeInts(page.values, page.maxKeys)) return false;
-  if (!writeInts(page.children, page.order)) return false;
+  for (uint32_t i = 0; i < page.maxKeys; ++i, p += 4) put32(p, page.values[i]);
+  for (uint32_t i = 0; i < page.order; ++i, p += 4) put32(p, page.children[i]);
+  if (file.Write(record, static_cast<int>(recordSize)) != recordSize) return false;
   if (isRoot) hdr.rootOffset = page.offset;
   writeHeader();
   return true;

@@ -106,14 +106,15 @@ class BTreePageFile {
   int keyLengthTableSize;
 
  private:
-  bool readUncompressedKeys(BTreePage& scratch);
-  bool readCompressedBody(BTreePage& scratch);
-  bool readInts(int32_t* target, uint32_t count);
-  bool writeInts(const int32_t* source, uint32_t count);
+  bool readUncompressedRecord(int32_t offset, BTreePage& scratch);
+  bool readCompressedRecord(int32_t offset, BTreePage& scratch);
+  unsigned char* ioSpace(size_t bytes);
+  BTreePage* scratchPage();
   bool allocateKeyBuffer();
 
-  unsigned char* ioBuffer = nullptr;  // scratch for numbers going to and from the file
+  unsigned char* ioBuffer = nullptr;  // a whole record going to or coming from the file
   size_t ioBufferSize = 0;
+  BTreePage spare{0, 0};  // the scratch page of the next read, kept to be reused
 };
 
 #endif

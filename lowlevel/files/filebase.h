@@ -44,7 +44,8 @@ class ZFileBase {
   // The bytes written, -1 on failure.
   virtual int Write(const void* buffer, int count);
   // Makes the system's close-time handling of the file run while the handle stays open. Does
-  // nothing on a closed file.
+  // nothing on a closed file, and nothing at all on POSIX systems, where writes already reach the
+  // system's cache.
   virtual void Flush();
 
   bool IsOpen() const { return m_nHandle > -1; }
