@@ -84,6 +84,31 @@ bool ZfileCompression::chunkWalkNext(int32_t& compressedOffset, int32_t& expande
   return true;
 }
 
+bool ZfileCompression::chunkSizePossible(int32_t compressedOffset) {
+  const int64_t relative = static_cast<int64_t>(compressedOffset) - m_lBaseOffset;
+  auto it = std::lower_bound(m_vChunks.begin(), m_vChunks.end(), relative,
+                             [](const SeekEntry& e, int64_t o) { return e.compressedOffset < o; });
+  if (it == m_vChunks.end() || it->compressedOffset != relative) {
+    return fail("offset " + std::to_string(compressedOffset) + " is not the start of a chunk");
+  }
+  char head[18];  // the largest frame header
+  const uint32_t want = std::min<uint32_t>(it->compressedSize, sizeof head);
+  if (lowlevel::platform::lseek(m_nHandle, compressedOffset, 0) != compressedOffset ||
+      lowlevel::platform::read(m_nHandle, head, want) != static_cast<int>(want)) {
+    return fail("cannot read the chunk at " + std::to_string(compressedOffset));
+  }
+  const unsigned long long stated = ZSTD_getFrameContentSize(head, want);
+  // Without a stated size: every block takes at least 3 bytes and gives at most 128 KiB.
+  const bool possible = stated == ZSTD_CONTENTSIZE_UNKNOWN
+                            ? it->expandedSize <= (it->compressedSize / 3 + 1) * uint64_t{131072}
+                            : stated == it->expandedSize;
+  if (!possible) {
+    return fail("the chunk at " + std::to_string(compressedOffset) +
+                " cannot expand to the size in the seek table");
+  }
+  return true;
+}
+
 bool ZfileCompression::expandChunk(int32_t compressedOffset, char* destination, int32_t& length) {
   const int32_t capacity = length;
   length = 0;

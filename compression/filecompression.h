@@ -35,6 +35,11 @@ class ZfileCompression {
   // capacity is too small and `length` is the size needed. False with `length` 0: failure (damaged
   // data, checksum mismatch, I/O error), with getErrMsg() saying why.
   bool expandChunk(int32_t compressedOffset, char* destination, int32_t& length);
+  // Whether the chunk at `compressedOffset` can expand to the size the seek table gives it, from its
+  // frame header alone: a frame that states its size must state that one, and one that does not
+  // must be long enough to hold that many blocks. A damaged table may claim any size, so a caller
+  // asks this before it makes room for a chunk. False (with getErrMsg) also on a read failure.
+  bool chunkSizePossible(int32_t compressedOffset);
 
   int32_t uncompressedLength() const { return m_lUncompressedLength; }
   void setCheckCRC(bool check) { m_bCheckCRC = check; }

@@ -269,6 +269,11 @@ bool ZCompressedFileBase::readBuffer() {
   m_pCurrentBuffer = chunk;
   chunk->length = chunk->capacity;
   bool expanded = m_pCompression->expandChunk(entry->second, chunk->data, chunk->length);
+  // Room is made only for a size the chunk can really have: a damaged table may claim 2 GiB.
+  if (!expanded && chunk->length > chunk->capacity &&
+      !m_pCompression->chunkSizePossible(entry->second)) {
+    chunk->length = 0;
+  }
   if (!expanded && chunk->length > 0) {
     if (chunk->length > chunk->capacity) {
       delete[] chunk->data;
