@@ -11,16 +11,6 @@ std::string resolve(std::string path, bool retry = false) {
   return (ok ? "true|" : "false|") + path;
 }
 
-// The volume questions asked so far, as "volume retry hostFlag" with flags 0/1, joined by commas.
-std::string calls(const lltest::RecordingSupport& host) {
-  std::string out;
-  for (const auto& c : host.cdPathCalls) {
-    out += (out.empty() ? "" : ",") + std::to_string(c.volume) + " " + std::to_string(c.retry) +
-           " " + std::to_string(c.hostFlag);
-  }
-  return out;
-}
-
 TEST(LogicalPaths, PrefixesResolveInAnyCase) {
   lltest::RecordingSupport host;
   host.exeDir = "X:\\exe\\";
@@ -37,10 +27,10 @@ TEST(LogicalPaths, PrefixesResolveInAnyCase) {
       {"iD:lib", "X:\\instlib"},  // nothing is put between directory and rest
       {"UD:", "X:\\upd\\"}, {"cd:", "D:\\"}};
   for (const auto& c : cases) EXPECT_EQ(std::string("true|") + c[1], resolve(c[0])) << c[0];
-  EXPECT_EQ("1 0 1,1 0 1,2 0 1,3 0 1,11 0 1,1 0 1", calls(host));
+  EXPECT_EQ("1 0 1,1 0 1,2 0 1,3 0 1,11 0 1,1 0 1", lltest::cdPathCallsText(host));
   host.cdPathCalls.clear();
   resolve("cd:x", true);
-  EXPECT_EQ("1 1 1", calls(host));
+  EXPECT_EQ("1 1 1", lltest::cdPathCallsText(host));
 }
 
 TEST(LogicalPaths, WhatIsNoPrefixPassesUnchangedAndAMissingDirectoryFails) {
@@ -54,7 +44,7 @@ TEST(LogicalPaths, WhatIsNoPrefixPassesUnchangedAndAMissingDirectoryFails) {
                             "", "xd:f", " cd:f", "c-1:f", "c99999999999999999999:f"}) {
     EXPECT_EQ(std::string("true|") + plain, resolve(plain)) << plain;
   }
-  EXPECT_EQ("", calls(host));
+  EXPECT_EQ("", lltest::cdPathCallsText(host));
   EXPECT_EQ("true|/v2/f", resolve("c2:f"));
   EXPECT_EQ("false|Cd:f", resolve("Cd:f"));
   host.cdCount = 3;
@@ -105,7 +95,7 @@ TEST(LogicalPaths, VerifyCdAsksOnlyForVolumesThatExist) {
   EXPECT_FALSE(ZFile::VerifyCd(1, true, false));
   EXPECT_TRUE(ZFile::VerifyCd(2, false, false));
   for (int32_t absent : {3, -1, INT32_MIN}) EXPECT_FALSE(ZFile::VerifyCd(absent, false, false));
-  EXPECT_EQ("1 0 1,2 1 0,3 0 0", calls(host));
+  EXPECT_EQ("1 0 1,2 1 0,3 0 0", lltest::cdPathCallsText(host));
 }
 
 }  // namespace

@@ -112,6 +112,17 @@ class FaultInjector : public lowlevel::platform::IoFaultHook {
   lowlevel::platform::IoFaultHook* previous_;
 };
 
+// The volume questions a RecordingSupport was asked, as "volume retry hostFlag" with the flags as
+// 0 or 1, joined by commas.
+inline std::string cdPathCallsText(const RecordingSupport& host) {
+  std::string out;
+  for (const RecordingSupport::CdPathCall& c : host.cdPathCalls) {
+    out += (out.empty() ? "" : ",") + std::to_string(c.volume) + " " + std::to_string(c.retry) +
+           " " + std::to_string(c.hostFlag);
+  }
+  return out;
+}
+
 // A FaultInjector that fails the calls numbered in `at` (1-based) among the kinds in `calls`.
 struct FailCalls : FaultInjector {
   FailCalls(std::set<lowlevel::platform::IoCall> kinds, std::set<int> at) : FaultInjector(kinds) {
