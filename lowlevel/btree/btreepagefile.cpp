@@ -483,8 +483,7 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
   for (uint32_t i = 0; i < page.order; ++i, p += 4) put32(p, page.children[i]);
   if (file.Write(record, static_cast<int>(recordSize)) != recordSize) return false;
   if (isRoot) hdr.rootOffset = page.offset;
-  writeHeader();
-  return true;
+  return writeHeader();  // a header that did not reach the disk may not describe the file
 }
 
 bool BTreePageFile::freePage(int32_t offset) {
@@ -494,8 +493,7 @@ bool BTreePageFile::freePage(int32_t offset) {
   put32(link, hdr.freeListHead);
   if (file.Write(link, 4) != 4) return false;
   hdr.freeListHead = offset;
-  writeHeader();
-  return true;
+  return writeHeader();
 }
 
 bool BTreePageFile::writeHeader() {
