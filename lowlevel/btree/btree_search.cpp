@@ -9,6 +9,23 @@
 
 namespace {
 const char kModule[] = "btree";
+
+// Hands the page the search stopped on to `result`: a page read on the way is handed over whole,
+// the page the search started from is copied.
+void settle(const BTreePage* current, BTreePage& below, BTreePage& result) {
+  if (current == &below) {
+    result.swap(below);
+  } else {
+    result = *current;
+  }
+}
+
+// A new cursor page holding what `result` held (result is left a placeholder).
+BTreePage* cursorPage(BTreePage& result) {
+  BTreePage* page = new BTreePage(0, 0);
+  page->swap(result);
+  return page;
+}
 }  // namespace
 
 // Scans each page from the left and goes down one level per page read. A read that fails, or a
@@ -24,7 +41,7 @@ bool BTree::Search(const BTreePage& page, const BTreePageKey& key, BTreePage& re
     while (index < current->keyCount) {
       int order = current->keys[index].compare(key);
       if (order == 0) {
-        result = *current;
+        settle(current, below, result);
         return true;
       }
       if (order > 0) break;
@@ -32,7 +49,7 @@ bool BTree::Search(const BTreePage& page, const BTreePageKey& key, BTreePage& re
     }
     int32_t child = current->children[index];
     if (child == -1) {
-      result = *current;
+      settle(current, below, result);
       return false;
     }
     if (!budget.step() || !pageFile->readPage(child, below)) {
@@ -60,9 +77,9 @@ bool BTree::find(int32_t& value, const char* key, int length) {
   BTreePage result(0, 0);
   uint32_t index = 0;
   if (!Search(*root, slot, result, index)) return false;
-  curPage = new BTreePage(result);
+  curPage = cursorPage(result);
   curIndex = index;
-  value = result.values[index];
+  value = curPage->values[index];
   return true;
 }
 
@@ -74,10 +91,10 @@ bool BTree::findGreaterThanOrEqual(int32_t& value, const char* key, int length) 
   bool found = Search(*root, slot, result, index);
   // A failed read leaves the placeholder: there is no page to stand on.
   if (!found && result.isPlaceholder()) return false;
-  curPage = new BTreePage(result);
+  curPage = cursorPage(result);
   curIndex = index;
   if (found || curIndex < curPage->keyCount) {
-    value = result.values[index];
+    value = curPage->values[index];
     return true;
   }
   // Behind every key of the leaf: step back onto its last key (wrapping past 0 on an empty leaf,

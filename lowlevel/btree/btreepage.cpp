@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "lowlevel/support/support.h"
 
@@ -28,11 +29,6 @@ BTreePageKey::BTreePageKey() : data(nullptr), length(0), size(0) {}
 unsigned char* BTreePageKey::allocate(unsigned bytes) {
   if (bytes <= kSmallSize) return small;
   return static_cast<unsigned char*>(std::malloc(bytes));
-}
-
-void BTreePageKey::release() {
-  if (data != small) std::free(data);
-  data = nullptr;
 }
 
 unsigned char* BTreePageKey::resize(unsigned size_) {
@@ -133,8 +129,6 @@ BTreePageKey& BTreePageKey::operator=(const BTreePageKey& other) {
   return *this;
 }
 
-BTreePageKey::~BTreePageKey() { release(); }
-
 int BTreePageKey::compare(const BTreePageKey& other) const {
   // All keys of one tree have one size; the shorter size bounds the comparison so that a stray
   // key of another width can never be read past its end.
@@ -203,6 +197,19 @@ BTreePage& BTreePage::operator=(const BTreePage& other) {
 }
 
 BTreePage::~BTreePage() { release(); }
+
+void BTreePage::swap(BTreePage& other) {
+  std::swap(offset, other.offset);
+  std::swap(parentOffset, other.parentOffset);
+  std::swap(order, other.order);
+  std::swap(maxKeys, other.maxKeys);
+  std::swap(minKeys, other.minKeys);
+  std::swap(keyCount, other.keyCount);
+  std::swap(keyLength, other.keyLength);
+  std::swap(keys, other.keys);
+  std::swap(values, other.values);
+  std::swap(children, other.children);
+}
 
 void BTreePage::allocate() {
   // maxKeys follows from order here, so a page can never hold arrays shorter than its counts.

@@ -6,6 +6,7 @@
 #define LOWLEVEL_BTREE_BTREEPAGE_H
 
 #include <cstdint>
+#include <cstdlib>
 
 class BTreePageKey {
  public:
@@ -22,7 +23,7 @@ class BTreePageKey {
   BTreePageKey(const BTreePageKey& other);
   // Frees this key's buffer, then copies (assigning the empty key empties the slot).
   BTreePageKey& operator=(const BTreePageKey& other);
-  ~BTreePageKey();
+  ~BTreePageKey() { release(); }
 
   // Unsigned bytewise comparison over this key's size: negative when this key sorts first (-1, 0
   // or 1). Keys of different sizes compare over the shorter size, then the shorter sorts first.
@@ -45,7 +46,10 @@ class BTreePageKey {
   // buffer. Either way `data` is owned by this key and never shared.
   static constexpr unsigned kSmallSize = 32;
   unsigned char* allocate(unsigned bytes);
-  void release();
+  void release() {
+    if (data != small) std::free(data);
+    data = nullptr;
+  }
   unsigned char small[kSmallSize];
 };
 
@@ -64,6 +68,8 @@ class BTreePage {
   ~BTreePage();
 
   bool isPlaceholder() const { return keys == nullptr; }
+  // Exchanges the whole content of two pages (head fields and arrays) without copying a key.
+  void swap(BTreePage& other);
 
   int32_t offset;        // own logical offset; -1 until placed in the file
   int32_t parentOffset;  // -1 in the root

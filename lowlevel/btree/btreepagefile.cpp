@@ -46,18 +46,7 @@ bool knownVersion(int32_t version) {
 constexpr int32_t kMaxCompressedKeyBytes = 32767;
 
 // Replaces the whole content of `page` by that of `scratch`; the old arrays go with `scratch`.
-void adoptPage(BTreePage& page, BTreePage& scratch) {
-  std::swap(page.offset, scratch.offset);
-  std::swap(page.parentOffset, scratch.parentOffset);
-  std::swap(page.order, scratch.order);
-  std::swap(page.maxKeys, scratch.maxKeys);
-  std::swap(page.minKeys, scratch.minKeys);
-  std::swap(page.keyCount, scratch.keyCount);
-  std::swap(page.keyLength, scratch.keyLength);
-  std::swap(page.keys, scratch.keys);
-  std::swap(page.values, scratch.values);
-  std::swap(page.children, scratch.children);
-}
+void adoptPage(BTreePage& page, BTreePage& scratch) { page.swap(scratch); }
 
 }  // namespace
 
