@@ -1,5 +1,5 @@
 // `lowlevel btree ...`: create, load, put, get, del, replace, range, scan, info, check, dump,
-// compress, order, repack.
+// compress, order, repack, salvage.
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -11,6 +11,7 @@
 #include "lowlevel/btree/btree.h"
 #include "lowlevel/btree/btreetools.h"
 #include "tools/inspect.h"
+#include "tools/salvage.h"
 #include "tools/tool.h"
 
 namespace {
@@ -737,5 +738,6 @@ void addBtreeCommands(CLI::App& app, ToolContext& ctx) {
     cmd->footer("Example: lowlevel btree " + name + " words.btr words-" + name + ".btr");
     onRun(cmd, ctx, [&ctx, name] { return runCopy(ctx, name, copySrc, copyDst, copyOrder); });
   }
+  addSalvageCommand(bt, ctx);
 
 }
