@@ -323,7 +323,9 @@ void runStore(const std::string& name, int64_t n, const std::string& dir, FILE* 
   std::vector<uint64_t> order(static_cast<size_t>(n));
   for (int64_t i = 0; i < n; ++i) order[static_cast<size_t>(i)] = static_cast<uint64_t>(i) * 2;  // even keys present
   std::mt19937_64 rng(42);
-  auto measure = [&](const char* workload, int64_t ops, const std::function<void()>& body) {
+  // Bytes per entry are taken from `sizePath` (the file the workload writes to).
+  auto measureAt = [&](const std::string& sizePath, const char* workload, int64_t ops,
+                       const std::function<void()>& body) {
     IoCounts before = readProcIo();
     auto t = Clock::now();
     body();
@@ -331,14 +333,17 @@ void runStore(const std::string& name, int64_t n, const std::string& dir, FILE* 
     IoCounts after = readProcIo();
     std::fprintf(out, "%s %lld %.6f %lld %lld\n", workload, static_cast<long long>(ops), seconds,
                  static_cast<long long>((after.syscr - before.syscr) + (after.syscw - before.syscw)),
-                 static_cast<long long>(diskBytes(path)));
+                 static_cast<long long>(diskBytes(sizePath)));
+  };
+  auto measure = [&](const char* workload, int64_t ops, const std::function<void()>& body) {
+    measureAt(path, workload, ops, body);
   };
   {
     // Sequential fill into its own file.
     std::string seqPath = path + "-seq";
     fs::remove_all(seqPath);
     auto s = openStore(name, seqPath);
-    measure("fillseq", n, [&] {
+    measureAt(seqPath, "fillseq", n, [&] {
       s->beginBulk();
       for (int64_t i = 0; i < n; ++i) s->put(makeKey(order[static_cast<size_t>(i)]), static_cast<int32_t>(i));
       s->endBulk();
