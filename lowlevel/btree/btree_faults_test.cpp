@@ -5,6 +5,7 @@
 // ends by itself.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <iterator>
@@ -250,5 +251,56 @@ TEST_P(Faults, EveryCallOfEveryWritingOperation) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Depths, Faults, ::testing::Values(1, 2, 3));
+
+int32_t le32(const std::string& bytes, size_t at) {
+  uint32_t v = 0;
+  for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<unsigned char>(bytes.at(at + i));
+  return static_cast<int32_t>(v);
+}
+
+// A root whose two children are one leaf: the cursor comes back to the leaf after every climb.
+// Every walk ends: a caller's while (next()) loop after at most as many moves as the file can hold
+// entries, and the traversals and changes with false.
+TEST(CyclicLinks, EveryWalkAndChangeEnds) {
+  lltest::RecordingSupport support;
+  lltest::TempDir dir;
+  const std::string path = dir.file("c.bt");
+  {
+    BTree tree(path, 3, kWidth, false, 0, 0, 0);
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(tree.insertKey(i, keyOf(i).data(), kWidth));
+    ASSERT_EQ(tree.depth(), 1);
+  }
+  std::string bytes = lltest::readFile(path);
+  const size_t root = static_cast<size_t>(le32(bytes, 28));
+  const size_t children = root + 28 + 2 * kWidth + 2 * 4;
+  bytes.replace(children + 4, 4, bytes.substr(children, 4));  // children[1] = children[0]
+  lltest::writeFile(path, bytes);
+  const int64_t records = (static_cast<int64_t>(bytes.size()) - 46) / (28 + 2 * kWidth + 20);
+  // Entries the file can hold; the cursor asks for the length only after its first 64 moves.
+  const int64_t bound = std::max<int64_t>(64, records * 2) + 1;
+
+  for (bool readOnly : {true, false}) {
+    BTree tree(path, readOnly, 0);
+    ASSERT_TRUE(tree.isOk());
+    int32_t value = 0;
+    int64_t moves = 0;
+    for (bool more = tree.first(value); more && moves < 100000; more = tree.next(value)) ++moves;
+    EXPECT_GT(moves, 3);  // it did go round
+    EXPECT_LE(moves, bound);
+    EXPECT_FALSE(tree.next(value));  // the cursor is gone
+    moves = 0;
+    for (bool more = tree.last(value); more && moves < 100000; more = tree.prev(value)) ++moves;
+    EXPECT_LE(moves, bound);
+    int32_t keys = 0, pages = 0, backward = 0;
+    tree.test(false, &keys, &pages, &backward);  // its checks do not look for shared pages
+    EXPECT_EQ(pages, 3);                          // but it reads the leaf twice, no more
+    EXPECT_TRUE(tree.inOrder([](int32_t, const char*, int) {}));
+    if (!readOnly) {
+      tree.deleteKey(keyOf(0).data(), kWidth);
+      tree.deleteKey(keyOf(2).data(), kWidth);
+      tree.insertKey(9, keyOf(9).data(), kWidth);
+    }
+  }
+}
 
 }  // namespace
