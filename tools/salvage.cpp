@@ -77,7 +77,8 @@ bool salvageBTree(const std::string& damaged, const std::string& target, Salvage
     report->records += 1;
     RawPage page;
     std::string why;
-    bool sound = raw.readPage(at, &page, &why);
+    // A short tail is not read at all: the record may be far larger than the file.
+    bool sound = at + size <= raw.fileLength() && raw.readPage(at, &page, &why);
     for (size_t i = 1; sound && i < page.keys.size(); ++i) sound = page.keys[i - 1] < page.keys[i];
     if (!sound) {
       // A free record names the next one where a page names itself, so it never looks sound;
