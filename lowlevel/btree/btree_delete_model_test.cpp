@@ -1,10 +1,9 @@
 // Random mixes of insertions, deletions and value replacements, checked against an ordered model
 // after every batch: lookups, walks both ways, counts, parent links and the records of the file.
-#include <algorithm>
 #include <cstdint>
 #include <filesystem>
-#include <iterator>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <random>
@@ -16,8 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "lowlevel/btree/btree.h"
-#include "lowlevel/btree/btreepage.h"
-#include "lowlevel/btree/btreepagefile.h"
+#include "lowlevel/btree/btree_testing.h"
 #include "tests/testsupport/testing.h"
 
 namespace {
@@ -27,12 +25,6 @@ using Entry = std::pair<uint32_t, uint32_t>;  // key, value as the tree orders t
 std::string be4(uint32_t v) {
   return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16),
                      static_cast<char>(v >> 8), static_cast<char>(v)};
-}
-uint32_t fromBe4(const char* b) {
-  return static_cast<uint32_t>(static_cast<unsigned char>(b[0])) << 24 |
-         static_cast<uint32_t>(static_cast<unsigned char>(b[1])) << 16 |
-         static_cast<uint32_t>(static_cast<unsigned char>(b[2])) << 8 |
-         static_cast<unsigned char>(b[3]);
 }
 
 struct Config {
@@ -124,71 +116,23 @@ class DeleteModel : public ::testing::TestWithParam<Config> {
     erase(it->first, it->second, dups);
   }
 
-  std::vector<Entry> walk(bool forward) {
-    std::vector<Entry> seen;
-    int32_t value = 0;
-    bool more = forward ? tree->first(value) : tree->last(value);
-    while (more && seen.size() <= model.size()) {
-      char key[8];
-      int length = 8;
-      EXPECT_TRUE(tree->getCurrentKey(key, length));
-      EXPECT_EQ(length, 4);
-      seen.push_back({fromBe4(key), static_cast<uint32_t>(value)});
-      more = forward ? tree->next(value) : tree->prev(value);
-    }
-    if (!forward) std::reverse(seen.begin(), seen.end());
-    return seen;
-  }
-
-  // Every page reachable from the root names its parent; together with the free chain they are
-  // all the records of the file.
-  void checkRecords() {
-    BTreePageFile pf(path(), true, 0);
-    ASSERT_TRUE(pf.ok);
-    int32_t records = (fileLength() - kBTreeHeaderSize) /
-                      static_cast<int32_t>(btreeRecordSize(pf.hdr.order, pf.hdr.keyLength));
-    int reachable = 0;
-    std::vector<std::pair<int32_t, int32_t>> todo = {{pf.hdr.rootOffset, -1}};
-    while (!todo.empty() && reachable <= records) {
-      auto [offset, parent] = todo.back();
-      todo.pop_back();
-      BTreePage page(0, 0);
-      ASSERT_TRUE(pf.readPage(offset, page)) << offset;
-      ASSERT_EQ(page.parentOffset, parent) << "page " << offset;
-      ++reachable;
-      if (page.children[0] == -1) continue;
-      for (uint32_t i = 0; i <= page.keyCount; ++i) todo.push_back({page.children[i], offset});
-    }
-    int free = 0;
-    for (int32_t at = pf.hdr.freeListHead; at != -1 && free <= records; ++free) {
-      std::ifstream in(path(), std::ios::binary);
-      in.seekg(at);
-      unsigned char b[4] = {};
-      in.read(reinterpret_cast<char*>(b), 4);
-      at = static_cast<int32_t>(b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24);
-    }
-    EXPECT_EQ(reachable + free, records);
-  }
-
+  // Besides the model check: every record of the file is either reached from the root or free.
   void verify() {
-    ASSERT_EQ(tree->getKeyCount(), static_cast<int>(model.size()));
-    int32_t keys = -1;
-    EXPECT_TRUE(tree->test(order % 2 == 0, &keys, nullptr, nullptr));
-    if (order % 2 == 1) {
-      EXPECT_TRUE(tree->test(false, nullptr, nullptr, nullptr));
-    }
-    EXPECT_EQ(keys, static_cast<int32_t>(model.size()));
-    std::vector<Entry> expected(model.begin(), model.end());
-    ASSERT_EQ(walk(true), expected);
-    ASSERT_EQ(walk(false), expected);
-    // Each key once; with duplicates its lowest value comes first.
+    std::vector<btreetest::Entry> expected;
+    for (const Entry& e : model) expected.emplace_back(be4(e.first), static_cast<int32_t>(e.second));
+    ASSERT_EQ(btreetest::checkModel(*tree, expected, order % 2 == 0), "");
     for (auto it = model.begin(); it != model.end(); it = model.lower_bound({it->first + 1, 0})) {
       int32_t found = 0;
       std::string k = be4(it->first);
       ASSERT_TRUE(tree->find(found, k.data(), 4)) << it->first;
       EXPECT_EQ(static_cast<uint32_t>(found), it->second);
     }
-    checkRecords();
+    const BTreePageFileHdr& hdr = BTreeTestAccess::pageFile(*tree)->hdr;
+    const int32_t records = (fileLength() - kBTreeHeaderSize) /
+                            static_cast<int32_t>(btreeRecordSize(hdr.order, hdr.keyLength));
+    EXPECT_EQ(BTreeTestAccess::pageCount(*tree) +
+                  static_cast<int32_t>(BTreeTestAccess::freeChain(*tree, records + 1).size()),
+              records);
   }
 
   void runUntil(size_t target, int insertShare) {

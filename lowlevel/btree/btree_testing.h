@@ -3,8 +3,10 @@
 #ifndef LOWLEVEL_BTREE_BTREE_TESTING_H
 #define LOWLEVEL_BTREE_BTREE_TESTING_H
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "lowlevel/btree/btree.h"
@@ -169,5 +171,49 @@ struct BTreeTestAccess {
     }
   }
 };
+
+namespace btreetest {
+
+using Entry = std::pair<std::string, int32_t>;  // the key as getCurrentKey gives it, and its value
+
+// Every entry by the cursor, forward (first/next) or backward (last/prev). A walk that does not end
+// within `limit` steps is cut off, so a looping cursor shows as a wrong result, not a hang.
+inline std::vector<Entry> walk(BTree& tree, bool backward, size_t limit = 100000) {
+  std::vector<Entry> out;
+  int32_t value = 0;
+  bool more = backward ? tree.last(value) : tree.first(value);
+  while (more && out.size() < limit) {
+    std::string key(static_cast<size_t>(tree.getKeyLength()), '\0');
+    int length = static_cast<int>(key.size());
+    if (!tree.getCurrentKey(&key[0], length)) break;
+    key.resize(static_cast<size_t>(length));
+    out.emplace_back(key, value);
+    more = backward ? tree.prev(value) : tree.next(value);
+  }
+  return out;
+}
+
+// Checks a tree against the entries it must hold, in order: its count, walks from both ends, its
+// own test() with the count it finds, and the pages on disk with their parent links (checkTree,
+// under-full pages allowed when `relaxed`; skipped without `pages`, for trees built another way).
+// Returns "" when all agree, else the first difference.
+inline std::string checkModel(BTree& tree, const std::vector<Entry>& expected, bool relaxed,
+                              bool pages = true) {
+  const int32_t n = static_cast<int32_t>(expected.size());
+  if (tree.getKeyCount() != n)
+    return "getKeyCount " + std::to_string(tree.getKeyCount()) + ", expected " + std::to_string(n);
+  std::string problem = pages ? BTreeTestAccess::checkTree(tree, relaxed) : "";
+  if (!problem.empty()) return problem;
+  int32_t keys = -1;
+  if (!tree.test(relaxed, &keys, nullptr, nullptr) || keys != n)
+    return "test() fails or counts " + std::to_string(keys);
+  if (walk(tree, false, expected.size() + 1) != expected) return "forward walk differs";
+  std::vector<Entry> backward = walk(tree, true, expected.size() + 1);
+  std::reverse(backward.begin(), backward.end());
+  if (backward != expected) return "backward walk differs";
+  return "";
+}
+
+}  // namespace btreetest
 
 #endif
