@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <utility>
 #include <vector>
@@ -213,6 +214,90 @@ inline std::string checkModel(BTree& tree, const std::vector<Entry>& expected, b
   if (backward != expected) return "backward walk differs";
   return "";
 }
+
+// Hand-built files of 4-byte-slot trees. A record's `parent` and `kids` are record numbers (-1:
+// none); record n lies at 46 + n x record size. Key k without duplicates is 00 00 00 k, value 100+k.
+struct Slot {
+  std::string bytes;  // the whole slot, value tail included
+  int32_t value;
+};
+struct Rec {
+  int parent;
+  std::vector<Slot> entries;
+  std::vector<int> kids;
+};
+
+inline std::string be4(uint32_t v) {
+  return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16),
+                     static_cast<char>(v >> 8), static_cast<char>(v)};
+}
+inline std::string le4(int32_t v) {
+  const uint32_t u = static_cast<uint32_t>(v);
+  return std::string{static_cast<char>(u), static_cast<char>(u >> 8), static_cast<char>(u >> 16),
+                     static_cast<char>(u >> 24)};
+}
+inline int32_t field(const std::string& file, size_t at) {
+  uint32_t v = 0;
+  for (int i = 3; i >= 0; --i) v = (v << 8) | static_cast<unsigned char>(file.at(at + i));
+  return static_cast<int32_t>(v);
+}
+inline std::string hex(const std::string& bytes) {
+  static const char digits[] = "0123456789ABCDEF";
+  std::string out;
+  for (unsigned char c : bytes) out += {digits[c >> 4], digits[c & 15], ' '};
+  return out;
+}
+
+inline Rec rec(int parent, std::vector<int> keys, std::vector<int> kids = {}) {
+  Rec r{parent, {}, std::move(kids)};
+  for (int k : keys) r.entries.push_back({be4(static_cast<uint32_t>(k)), 100 + k});
+  return r;
+}
+
+struct Shape {
+  int order;
+  int slot;  // slot width
+  int32_t recordSize() const { return 28 + (order - 1) * (slot + 4) + order * 4; }
+  int32_t at(int n) const { return n < 0 ? -1 : 46 + n * recordSize(); }
+
+  // The exact bytes of record `self`.
+  std::string encode(int self, const Rec& r) const {
+    const size_t n = r.entries.size();
+    std::string out = le4(at(self)) + le4(at(r.parent)) + le4(order) + le4(order - 1) +
+                      le4(order >> 1) + le4(static_cast<int32_t>(n)) + le4(slot);
+    for (size_t i = 0; i + 1 < static_cast<size_t>(order); ++i)
+      out += i < n ? r.entries[i].bytes : std::string(static_cast<size_t>(slot), '\0');
+    for (size_t i = 0; i + 1 < static_cast<size_t>(order); ++i) out += le4(i < n ? r.entries[i].value : 0);
+    for (size_t i = 0; i < static_cast<size_t>(order); ++i) out += le4(i < r.kids.size() ? at(r.kids[i]) : -1);
+    return out;
+  }
+  std::string record(const std::string& file, int n) const {
+    return file.substr(static_cast<size_t>(at(n)), static_cast<size_t>(recordSize()));
+  }
+
+  // Lays the records down through the page file, record n at its place, the keyCount their sum.
+  bool build(const std::string& path, const std::vector<Rec>& recs, int rootRecord,
+             bool duplicates = false) const {
+    std::remove(path.c_str());
+    BTreePageFile pf(path, order, duplicates ? slot - 4 : slot, duplicates, 0, 0, 0);
+    int32_t total = 0;
+    for (size_t n = 0; pf.ok && n < recs.size(); ++n) {
+      BTreePage page(order, slot);
+      page.offset = at(static_cast<int>(n));
+      page.parentOffset = at(recs[n].parent);
+      page.keyCount = static_cast<uint32_t>(recs[n].entries.size());
+      for (size_t i = 0; i < recs[n].entries.size(); ++i) {
+        page.keys[i] = BTreePageKey(slot, recs[n].entries[i].bytes.data(), slot);
+        page.values[i] = recs[n].entries[i].value;
+      }
+      for (size_t i = 0; i < recs[n].kids.size(); ++i) page.children[i] = at(recs[n].kids[i]);
+      if (!pf.writePage(page, static_cast<int>(n) == rootRecord)) return false;
+      total += static_cast<int32_t>(page.keyCount);
+    }
+    pf.keyCount = total;
+    return pf.ok;
+  }
+};
 
 }  // namespace btreetest
 
