@@ -22,6 +22,9 @@ run cmake --build build/asan -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run ctest --test-dir build/asan --output-on-failure -j "$jobs" --timeout 900
 
+echo "== every fuzzer for a minute, from the seed corpora and the kept findings"
+run ./scripts/fuzz.sh 60
+
 echo "== a project that uses the library through add_subdirectory"
 run cmake -S tests/consumer -B build/consumer -G Ninja -DLOWLEVEL_DIR="$PWD" >/dev/null
 run cmake --build build/consumer -j "$jobs"

@@ -99,6 +99,10 @@ bool RawTree::readPage(int32_t offset, RawPage* page, std::string* error) {
   }
   RawPage p;
   if (m_header.compressed == 0) {
+    if (offset + m_recordSize > m_length) {  // before allocating: a header may claim huge records
+      *error = std::string(where) + ": truncated record";
+      return false;
+    }
     std::string record(static_cast<size_t>(m_recordSize), '\0');
     if (!readAt(offset, &record[0], static_cast<int32_t>(m_recordSize))) {
       *error = std::string(where) + ": truncated record";
