@@ -81,6 +81,34 @@ struct BTreeTestAccess {
     return out;
   }
 
+  // The tree as one text, pages in pre-order from the root: "offset:[keys]" and, for interior
+  // pages, "->(children)"; with `values`, each key as key=value. A 4-byte slot shows as its
+  // big-endian number, a slot of text as the text without its zero padding, others in hex.
+  static std::string shape(BTree& t, bool values = false) {
+    BTreePageFile* pf = t.pageFile;
+    BTreePage rootPage(0, 0);
+    if (pf == nullptr || !pf->readPage(pf->hdr.rootOffset, rootPage)) return "no root";
+    std::string out;
+    int64_t budget = pf->recordLimit();
+    render(pf, rootPage, values, out, budget);
+    return out.substr(1);
+  }
+  static std::string keyText(const std::string& slot) {
+    if (slot.size() == 4) {
+      uint32_t v = 0;
+      for (unsigned char c : slot) v = (v << 8) | c;
+      return std::to_string(v);
+    }
+    std::string text = slot.substr(0, slot.find_last_not_of('\0') + 1);
+    bool printable = true;
+    for (unsigned char c : text) printable = printable && c >= 0x20 && c < 0x7F;
+    if (printable) return text;
+    static const char digits[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : slot) out += {digits[c >> 4], digits[c & 15]};
+    return out;
+  }
+
   // The number of records the walk from the root reaches (pages in use).
   static int32_t pageCount(BTree& t) {
     Walk walk;
@@ -157,6 +185,27 @@ struct BTreeTestAccess {
       return "";
     }
   };
+
+  static void render(BTreePageFile* pf, const BTreePage& page, bool values, std::string& out,
+                     int64_t& budget) {
+    if (--budget < 0) return;
+    out += " " + std::to_string(page.offset) + ":[";
+    for (uint32_t i = 0; i < page.keyCount && i < page.maxKeys; ++i) {
+      out += (i ? " " : "") + keyText(bytes(page.keys[i]));
+      if (values) out += "=" + std::to_string(page.values[i]);
+    }
+    out += "]";
+    if (page.children[0] == -1) return;
+    std::vector<BTreePage> kids;
+    out += "->(";
+    for (uint32_t i = 0; i <= page.keyCount && i < page.order; ++i) {
+      out += (i ? "," : "") + std::to_string(page.children[i]);
+      kids.emplace_back(0, 0);
+      if (!pf->readPage(page.children[i], kids.back())) kids.pop_back();
+    }
+    out += ")";
+    for (const BTreePage& kid : kids) render(pf, kid, values, out, budget);
+  }
 
   static void collect(BTreePageFile* pf, const BTreePage& page,
                       std::vector<std::pair<std::string, int32_t>>& out, int64_t& budget) {
