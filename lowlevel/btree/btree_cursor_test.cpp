@@ -11,16 +11,11 @@
 
 #include "lowlevel/btree/btree.h"
 #include "lowlevel/btree/btree_testing.h"
-#include "lowlevel/btree/btreepage.h"
-#include "lowlevel/btree/btreepagefile.h"
 #include "tests/testsupport/testing.h"
 
 namespace {
 
-std::string be4(uint32_t v) {
-  return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16),
-                     static_cast<char>(v >> 8), static_cast<char>(v)};
-}
+using btreetest::be4;
 
 class CursorTest : public ::testing::Test {
  protected:
@@ -39,79 +34,67 @@ class CursorTest : public ::testing::Test {
   }
   bool hasCursor(BTree& tree) { return BTreeTestAccess::curPage(tree) != nullptr; }
 
+  // Runs cursor steps given as words: F first, L last, N next, P prev, f<k> find the long key k,
+  // D depth and index, C whether a cursor remains, R whether the cursor is on the root page.
+  // Answers each with the value reached or "-", "d,i", "c"/"x", "r"/"x".
+  std::string run(BTree& tree, const std::string& steps) {
+    std::string out;
+    size_t at = 0;
+    while (at < steps.size()) {
+      size_t end = steps.find(' ', at);
+      if (end == std::string::npos) end = steps.size();
+      const std::string step = steps.substr(at, end - at);
+      at = end + 1;
+      int32_t v = 0;
+      bool ok = false;
+      int depth = -1, index = -1;
+      std::string answer;
+      switch (step[0]) {
+        case 'F': ok = tree.first(v); break;
+        case 'L': ok = tree.last(v); break;
+        case 'N': ok = tree.next(v); break;
+        case 'P': ok = tree.prev(v); break;
+        case 'f': ok = tree.find(v, static_cast<int32_t>(std::stoi(step.substr(1)))); break;
+        case 'D':
+          answer = tree.getCurrentKeyDepthAndIndex(depth, index)
+                       ? std::to_string(depth) + "," + std::to_string(index) : "-";
+          break;
+        case 'C': answer = hasCursor(tree) ? "c" : "x"; break;
+        case 'R':
+          answer = hasCursor(tree) && BTreeTestAccess::curPage(tree)->offset ==
+                                          BTreeTestAccess::root(tree)->offset ? "r" : "x";
+          break;
+      }
+      if (answer.empty()) answer = ok ? std::to_string(v) : "-";
+      out += (out.empty() ? "" : " ") + answer;
+    }
+    return out;
+  }
+
   lltest::TempDir dir;
   std::string path;
   int made = 0;
 };
 
 TEST_F(CursorTest, EndsOfTheTreeDropTheCursor) {
-  int32_t v = 0;
-  {
-    auto tree = create(5, 4);
-    EXPECT_FALSE(tree->first(v));
-    EXPECT_FALSE(tree->last(v));
-    EXPECT_FALSE(tree->next(v));
-    EXPECT_FALSE(tree->prev(v));
-    EXPECT_EQ(tree->depth(), 0);
-  }
+  auto empty = create(5, 4);
+  EXPECT_EQ(run(*empty, "F L N P"), "- - - -");
+  EXPECT_EQ(empty->depth(), 0);
   auto tree = create(5, 4);
   for (const char* k : {"b", "c", "a"}) ASSERT_TRUE(tree->insertKey(k[0], k, 0));
-  ASSERT_TRUE(tree->first(v));
-  EXPECT_EQ(v, 'a');
-  ASSERT_TRUE(tree->next(v));
-  EXPECT_EQ(v, 'b');
-  ASSERT_TRUE(tree->next(v));
-  EXPECT_EQ(v, 'c');
-  EXPECT_FALSE(tree->next(v));
-  EXPECT_FALSE(hasCursor(*tree));
-  EXPECT_FALSE(tree->prev(v)) << "the cursor is gone after running off the end";
-  ASSERT_TRUE(tree->first(v));
-  EXPECT_FALSE(tree->prev(v));
-  EXPECT_FALSE(hasCursor(*tree));
-  ASSERT_TRUE(tree->last(v));
-  EXPECT_EQ(v, 'c');
-  EXPECT_FALSE(tree->next(v));
-  EXPECT_FALSE(hasCursor(*tree));
+  EXPECT_EQ(run(*tree, "F N N N C P F P C L N C"), "97 98 99 - x - 97 - x 99 - x");
   EXPECT_EQ(tree->depth(), 0);
 }
 
+// From an interior key the neighbours lie in the subtrees beside it; from 3, the last key of a
+// last child of a first child, next climbs two levels to the root in one step.
 TEST_F(CursorTest, StepsAcrossLevelsInBothDirections) {
   auto tree = sequence(8);
   EXPECT_EQ(tree->depth(), 2);
-  int32_t v = 0;
-  int depth = -1, index = -1;
-  ASSERT_TRUE(tree->first(v));
-  EXPECT_EQ(v, 101);
-  ASSERT_TRUE(tree->getCurrentKeyDepthAndIndex(depth, index));
-  EXPECT_EQ(std::make_pair(depth, index), std::make_pair(2, 0));
-  ASSERT_TRUE(tree->last(v));
-  EXPECT_EQ(v, 108);
-  ASSERT_TRUE(tree->getCurrentKeyDepthAndIndex(depth, index));
-  EXPECT_EQ(std::make_pair(depth, index), std::make_pair(2, 1));
-
-  // From an interior key: the neighbours are in the subtrees beside it, not in the root.
-  ASSERT_TRUE(tree->find(v, int32_t{6}));
-  ASSERT_TRUE(tree->next(v));
-  EXPECT_EQ(v, 107);
-  ASSERT_TRUE(tree->find(v, int32_t{6}));
-  ASSERT_TRUE(tree->prev(v));
-  EXPECT_EQ(v, 105);
-  // From 3, the last key of a last child of a first child: two levels up to the root in one step.
-  ASSERT_TRUE(tree->find(v, int32_t{3}));
-  ASSERT_TRUE(tree->next(v));
-  EXPECT_EQ(v, 104);
-  EXPECT_EQ(BTreeTestAccess::curPage(*tree)->offset, BTreeTestAccess::root(*tree)->offset);
-  ASSERT_TRUE(tree->getCurrentKeyDepthAndIndex(depth, index));
-  EXPECT_EQ(std::make_pair(depth, index), std::make_pair(0, 0));
-  ASSERT_TRUE(tree->find(v, int32_t{5}));
-  ASSERT_TRUE(tree->prev(v));
-  EXPECT_EQ(v, 104);
-
-  std::vector<int32_t> forward, backward;
-  for (bool more = tree->first(v); more; more = tree->next(v)) forward.push_back(v);
-  for (bool more = tree->last(v); more; more = tree->prev(v)) backward.push_back(v);
-  EXPECT_EQ(forward, (std::vector<int32_t>{101, 102, 103, 104, 105, 106, 107, 108}));
-  EXPECT_EQ(backward, (std::vector<int32_t>{108, 107, 106, 105, 104, 103, 102, 101}));
+  EXPECT_EQ(run(*tree, "F D L D f6 N f6 P f3 N R D f5 P"),
+            "101 2,0 108 2,1 106 107 106 105 103 104 r 0,0 105 104");
+  EXPECT_EQ(run(*tree, "F N N N N N N N N"), "101 102 103 104 105 106 107 108 -");
+  EXPECT_EQ(run(*tree, "L P P P P P P P P"), "108 107 106 105 104 103 102 101 -");
 }
 
 TEST_F(CursorTest, CurrentKeyTellsTheSizeItNeedsAndWritesNoTerminator) {
@@ -160,15 +143,11 @@ TEST_F(CursorTest, FailedReadDropsTheCursorButStepsInsideAPageNeedNoFile) {
   {
     lltest::FaultInjector faults;
     faults.failFrom = 1;
-    ASSERT_TRUE(tree->prev(v));
-    EXPECT_EQ(v, 107);
-    EXPECT_EQ(faults.count, 0);
-    EXPECT_FALSE(tree->prev(v)) << "needs the parent";
-    EXPECT_FALSE(hasCursor(*tree));
+    std::string seen = run(*tree, "P") + " " + std::to_string(faults.count);
+    EXPECT_EQ(seen + " " + run(*tree, "P C"), "107 0 - x");
     EXPECT_EQ(tree->depth(), -1);
   }
-  ASSERT_TRUE(tree->first(v));
-  EXPECT_EQ(v, 101);
+  EXPECT_EQ(run(*tree, "F"), "101");
 }
 
 struct Seen {
