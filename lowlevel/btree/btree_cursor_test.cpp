@@ -32,44 +32,8 @@ class CursorTest : public ::testing::Test {
     for (int32_t k = 1; k <= n; ++k) EXPECT_TRUE(tree->insertKey(100 + k, k));
     return tree;
   }
-  bool hasCursor(BTree& tree) { return BTreeTestAccess::curPage(tree) != nullptr; }
 
-  // Runs cursor steps given as words: F first, L last, N next, P prev, f<k> find the long key k,
-  // D depth and index, C whether a cursor remains, R whether the cursor is on the root page.
-  // Answers each with the value reached or "-", "d,i", "c"/"x", "r"/"x".
-  std::string run(BTree& tree, const std::string& steps) {
-    std::string out;
-    size_t at = 0;
-    while (at < steps.size()) {
-      size_t end = steps.find(' ', at);
-      if (end == std::string::npos) end = steps.size();
-      const std::string step = steps.substr(at, end - at);
-      at = end + 1;
-      int32_t v = 0;
-      bool ok = false;
-      int depth = -1, index = -1;
-      std::string answer;
-      switch (step[0]) {
-        case 'F': ok = tree.first(v); break;
-        case 'L': ok = tree.last(v); break;
-        case 'N': ok = tree.next(v); break;
-        case 'P': ok = tree.prev(v); break;
-        case 'f': ok = tree.find(v, static_cast<int32_t>(std::stoi(step.substr(1)))); break;
-        case 'D':
-          answer = tree.getCurrentKeyDepthAndIndex(depth, index)
-                       ? std::to_string(depth) + "," + std::to_string(index) : "-";
-          break;
-        case 'C': answer = hasCursor(tree) ? "c" : "x"; break;
-        case 'R':
-          answer = hasCursor(tree) && BTreeTestAccess::curPage(tree)->offset ==
-                                          BTreeTestAccess::root(tree)->offset ? "r" : "x";
-          break;
-      }
-      if (answer.empty()) answer = ok ? std::to_string(v) : "-";
-      out += (out.empty() ? "" : " ") + answer;
-    }
-    return out;
-  }
+  std::string run(BTree& tree, const std::string& steps) { return btreetest::steps(tree, steps); }
 
   lltest::TempDir dir;
   std::string path;

@@ -7,16 +7,9 @@
 
 #include "lowlevel/btree/btree.h"
 #include "lowlevel/btree/btree_testing.h"
-#include "lowlevel/btree/btreepage.h"
-#include "lowlevel/btree/btreepagefile.h"
 #include "tests/testsupport/testing.h"
 
 namespace {
-
-std::string be4(uint32_t v) {
-  return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16),
-                     static_cast<char>(v >> 8), static_cast<char>(v)};
-}
 
 std::string currentKey(BTree& tree) {
   char buffer[64];
@@ -38,47 +31,17 @@ class SearchTest : public ::testing::Test {
   int made = 0;
 };
 
-TEST_F(SearchTest, EmptyTreeHasNothingToFindOrStandOn) {
-  auto tree = create(3, 4);
-  int32_t v = 99;
-  EXPECT_FALSE(tree->find(v, int32_t{1}));
-  EXPECT_FALSE(tree->findGreaterThanOrEqual(v, int32_t{0}));
-  EXPECT_EQ(v, 99);
-  EXPECT_EQ(BTreeTestAccess::curPage(*tree), nullptr);
-  EXPECT_EQ(currentKey(*tree), "<none>");
-}
-
-// Order 3 filled with 10, 20, 30, 40, 50, 60, 35: root [20 40], leaves [10] [30 35] [50 60].
+// Order 3 filled with 10, 20, 30, 40, 50, 60, 35 (value key + 1): root [20 40], leaves [10]
+// [30 35] [50 60]. 20 is found in the root; 37 lands behind its leaf, on 40 in the root.
 TEST_F(SearchTest, LookupsLandWhereTheKeyIsOrWouldFollow) {
   auto tree = create(3, 4);
+  int32_t v = 99;
+  EXPECT_FALSE(tree->find(v, int32_t{1}) || tree->findGreaterThanOrEqual(v, int32_t{0}) || v != 99);
+  EXPECT_EQ(btreetest::steps(*tree, "C K"), "x -");
+  EXPECT_EQ(currentKey(*tree), "<none>");
   for (int32_t k : {10, 20, 30, 40, 50, 60, 35}) ASSERT_TRUE(tree->insertKey(k + 1, k));
-  const int32_t rootAt = BTreeTestAccess::root(*tree)->offset;
-  int32_t v = 0;
-
-  ASSERT_TRUE(tree->find(v, int32_t{20}));
-  EXPECT_EQ(v, 21);
-  EXPECT_EQ(BTreeTestAccess::curPage(*tree)->offset, rootAt) << "found in the root, no leaf";
-  EXPECT_EQ(BTreeTestAccess::curIndex(*tree), 0u);
-
-  EXPECT_FALSE(tree->find(v, int32_t{32}));
-  EXPECT_EQ(BTreeTestAccess::curPage(*tree), nullptr);
-  ASSERT_TRUE(tree->findGreaterThanOrEqual(v, int32_t{32}));
-  EXPECT_EQ(v, 36);
-  EXPECT_EQ(currentKey(*tree), be4(35));
-
-  ASSERT_TRUE(tree->findGreaterThanOrEqual(v, int32_t{37}));  // behind its leaf, before 40
-  EXPECT_EQ(v, 41);
-  EXPECT_EQ(BTreeTestAccess::curPage(*tree)->offset, rootAt);
-  EXPECT_EQ(BTreeTestAccess::curIndex(*tree), 1u);
-  ASSERT_TRUE(tree->next(v));
-  EXPECT_EQ(v, 51);
-
-  ASSERT_TRUE(tree->findGreaterThanOrEqual(v, int32_t{5}));
-  EXPECT_EQ(v, 11);
-  ASSERT_TRUE(tree->findGreaterThanOrEqual(v, int32_t{60}));
-  EXPECT_EQ(v, 61);
-  EXPECT_FALSE(tree->findGreaterThanOrEqual(v, int32_t{61}));
-  EXPECT_EQ(BTreeTestAccess::curPage(*tree), nullptr);
+  EXPECT_EQ(btreetest::steps(*tree, "f20 R I f32 C g32 K g37 R I N g5 g60 g61 C"),
+            "21 r 0 - x 36 35 41 r 1 51 11 61 - x");
   EXPECT_EQ(currentKey(*tree), "<none>");
 }
 
@@ -91,12 +54,9 @@ TEST_F(SearchTest, DuplicatesAreFoundByTheirLowestValueAndKeysAreCutToTheSlot) {
     ASSERT_TRUE(tree->find(v, "a", 0));
     EXPECT_EQ(v, 5);
     EXPECT_EQ(currentKey(*tree), std::string("a\0\0\0", 4)) << "no value tail handed out";
-    ASSERT_TRUE(tree->next(v));
-    EXPECT_EQ(v, 7);
-    ASSERT_TRUE(tree->next(v));
-    EXPECT_EQ(v, -1);
+    EXPECT_EQ(btreetest::steps(*tree, "N N"), "7 -1");
     EXPECT_FALSE(tree->find(v, "ab", 0)) << "followed by b, but not there";
-    EXPECT_EQ(BTreeTestAccess::curPage(*tree), nullptr);
+    EXPECT_EQ(btreetest::steps(*tree, "C"), "x");
   }
   {
     auto tree = create(5, 4);
@@ -126,20 +86,11 @@ class CorruptTest : public SearchTest {
 
   // Every walk that goes down the left edge fails without looping; the right part still reads.
   void expectLeftDescentsFail(BTree& tree) {
-    int32_t v = 0;
-    EXPECT_FALSE(tree.find(v, int32_t{0}));
-    EXPECT_FALSE(tree.findGreaterThanOrEqual(v, int32_t{0}));
-    EXPECT_EQ(BTreeTestAccess::curPage(tree), nullptr);
-    EXPECT_FALSE(tree.insertKey(9, int32_t{0}));
-    EXPECT_FALSE(tree.first(v));
-    EXPECT_EQ(BTreeTestAccess::curPage(tree), nullptr);
+    EXPECT_EQ(btreetest::steps(tree, "f0 g0 C F C D f3 P"), "- - x - x - 103 102");
     EXPECT_EQ(tree.depth(), -1);
+    EXPECT_FALSE(tree.insertKey(9, int32_t{0}));
     EXPECT_FALSE(tree.inOrder([](int32_t, const char*, int) {}));
     EXPECT_FALSE(tree.test(true, nullptr, nullptr, nullptr));
-    ASSERT_TRUE(tree.find(v, int32_t{3}));
-    EXPECT_EQ(v, 103);
-    ASSERT_TRUE(tree.prev(v));
-    EXPECT_EQ(v, 102);
   }
 };
 
@@ -149,16 +100,13 @@ TEST_F(CorruptTest, GarbageChildOffsetFailsTheDescentWithOneReport) {
   lltest::RecordingSupport support;
   BTree tree(path, false, 0);
   ASSERT_TRUE(tree.isOk());
-  int32_t v = 0;
-  EXPECT_FALSE(tree.find(v, int32_t{1}));
+  EXPECT_EQ(btreetest::steps(tree, "f1"), "-");
   ASSERT_EQ(support.reports.size(), 1u);
-  EXPECT_EQ(support.reports[0].message, "Unable to read page.");
-  EXPECT_EQ(support.reports[0].function, "BTree::Search");
-  EXPECT_EQ(support.reports[0].flag, eReportError);
-  EXPECT_EQ(support.reports[0].module, "btree");
+  const lltest::Report& r = support.reports[0];
+  EXPECT_EQ(r.message + "|" + r.function + "|" + r.module, "Unable to read page.|BTree::Search|btree");
+  EXPECT_EQ(r.flag, eReportError);
   expectLeftDescentsFail(tree);
-  EXPECT_FALSE(tree.prev(v)) << "the left child does not read";
-  EXPECT_EQ(BTreeTestAccess::curPage(tree), nullptr);
+  EXPECT_EQ(btreetest::steps(tree, "P C"), "- x") << "the left child does not read";
   EXPECT_EQ(tree.getKeyCount(), 3);
   EXPECT_EQ(lltest::readFile(path), before) << "the failed insertion wrote nothing";
 }
@@ -182,21 +130,11 @@ TEST_F(CorruptTest, ParentLinksInACircleCannotMakeAClimbLoop) {
   patch(kRoot + kParent, int32_t{kRightLeaf});     // the root names a leaf as parent
   BTree tree(path, true, 0);
   ASSERT_TRUE(tree.isOk());
-  int32_t v = 0;
-  ASSERT_TRUE(tree.first(v));
-  EXPECT_EQ(v, 101);
   int depth = -5, index = -5;
+  EXPECT_EQ(btreetest::steps(tree, "F"), "101");
   EXPECT_FALSE(tree.getCurrentKeyDepthAndIndex(depth, index));
   EXPECT_EQ(index, -5);
-  EXPECT_FALSE(tree.next(v));
-  EXPECT_EQ(BTreeTestAccess::curPage(tree), nullptr);
-  ASSERT_TRUE(tree.last(v));
-  EXPECT_EQ(v, 103);
-  EXPECT_FALSE(tree.next(v)) << "climbs root -> leaf -> root ...";
-  EXPECT_EQ(BTreeTestAccess::curPage(tree), nullptr);
-  ASSERT_TRUE(tree.find(v, int32_t{1}));
-  EXPECT_FALSE(tree.prev(v));
-  EXPECT_EQ(BTreeTestAccess::curPage(tree), nullptr);
+  EXPECT_EQ(btreetest::steps(tree, "N C L N C f1 P C"), "- x 103 - x 101 - x");  // no climb loops
 }
 
 }  // namespace

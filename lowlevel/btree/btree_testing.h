@@ -348,6 +348,48 @@ struct Shape {
   }
 };
 
+// Runs cursor steps given as words and answers each, joined by spaces: F first, L last, N next,
+// P prev, f<k> find and g<k> findGreaterThanOrEqual of the long key k (the value reached or "-");
+// K the current long key ("-" without one), D depth and index ("d,i" or "-"), I the index in the
+// current page, C whether a cursor remains ("c"/"x"), R whether it stands on the root ("r"/"x").
+inline std::string steps(BTree& tree, const std::string& words) {
+  std::string out;
+  size_t at = 0;
+  while (at < words.size()) {
+    size_t end = words.find(' ', at);
+    if (end == std::string::npos) end = words.size();
+    const std::string step = words.substr(at, end - at);
+    at = end + 1;
+    int32_t v = 0;
+    bool ok = false;
+    int depth = -1, index = -1;
+    const bool cursor = BTreeTestAccess::curPage(tree) != nullptr;
+    std::string answer;
+    switch (step[0]) {
+      case 'F': ok = tree.first(v); break;
+      case 'L': ok = tree.last(v); break;
+      case 'N': ok = tree.next(v); break;
+      case 'P': ok = tree.prev(v); break;
+      case 'f': ok = tree.find(v, static_cast<int32_t>(std::stol(step.substr(1)))); break;
+      case 'g': ok = tree.findGreaterThanOrEqual(v, static_cast<int32_t>(std::stol(step.substr(1)))); break;
+      case 'K': ok = tree.getCurrentKey(v); break;
+      case 'D':
+        answer = tree.getCurrentKeyDepthAndIndex(depth, index)
+                     ? std::to_string(depth) + "," + std::to_string(index) : "-";
+        break;
+      case 'I': answer = cursor ? std::to_string(BTreeTestAccess::curIndex(tree)) : "-"; break;
+      case 'C': answer = cursor ? "c" : "x"; break;
+      case 'R':
+        answer = cursor && BTreeTestAccess::curPage(tree)->offset == BTreeTestAccess::root(tree)->offset
+                     ? "r" : "x";
+        break;
+    }
+    if (answer.empty()) answer = ok ? std::to_string(v) : "-";
+    out += (out.empty() ? "" : " ") + answer;
+  }
+  return out;
+}
+
 }  // namespace btreetest
 
 #endif
