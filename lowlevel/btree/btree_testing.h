@@ -22,9 +22,6 @@ struct BTreeTestAccess {
   static char* convertBuffer(BTree& t) { return t.convertBuffer; }
   static int convertLength(BTree& t) { return t.convertLength; }
   static int convertCapacity(BTree& t) { return t.convertCapacity; }
-  static uint32_t lcid(BTree& t) { return t.lcid; }
-  static uint32_t mapFlags(BTree& t) { return t.mapFlags; }
-  static int16_t spaceConversion(BTree& t) { return t.spaceConversion; }
   static void setConversion(BTree& t, uint32_t lcid, uint32_t mapFlags, int16_t spaceConversion) {
     t.lcid = lcid;
     t.mapFlags = mapFlags;
@@ -37,7 +34,6 @@ struct BTreeTestAccess {
     return t.prepareKey(key, length, value);
   }
   static int32_t reverseLong(BTree& t, int32_t value) { return t.btreeReverseLong(value); }
-  static void clearCurPage(BTree& t) { t.clearCurPage(); }
 
   // The slot bytes of a key as a string (empty for the empty key).
   static std::string bytes(const BTreePageKey& key) {
@@ -67,18 +63,6 @@ struct BTreeTestAccess {
       return "tree holds " + std::to_string(walk.keys) + " keys, keyCount says " +
              std::to_string(pf->keyCount);
     return "";
-  }
-
-  // Every key of the tree in order, by walking the pages (slot bytes, value).
-  static std::vector<std::pair<std::string, int32_t>> allEntries(BTree& t) {
-    std::vector<std::pair<std::string, int32_t>> out;
-    BTreePageFile* pf = t.pageFile;
-    if (pf == nullptr || !pf->ok) return out;
-    BTreePage rootPage(0, 0);
-    if (!pf->readPage(pf->hdr.rootOffset, rootPage)) return out;
-    int64_t budget = pf->recordLimit();
-    collect(pf, rootPage, out, budget);
-    return out;
   }
 
   // The tree as one text, pages in pre-order from the root: "offset:[keys]" and, for interior
@@ -205,20 +189,6 @@ struct BTreeTestAccess {
     }
     out += ")";
     for (const BTreePage& kid : kids) render(pf, kid, values, out, budget);
-  }
-
-  static void collect(BTreePageFile* pf, const BTreePage& page,
-                      std::vector<std::pair<std::string, int32_t>>& out, int64_t& budget) {
-    if (--budget < 0) return;
-    const bool leaf = page.children[0] == -1;
-    for (uint32_t i = 0; i <= page.keyCount && i < page.order; ++i) {
-      if (!leaf && page.children[i] != -1) {
-        BTreePage child(0, 0);
-        if (pf->readPage(page.children[i], child) && child.parentOffset == page.offset)
-          collect(pf, child, out, budget);
-      }
-      if (i < page.keyCount) out.emplace_back(bytes(page.keys[i]), page.values[i]);
-    }
   }
 };
 

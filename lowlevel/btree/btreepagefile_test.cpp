@@ -70,46 +70,35 @@ TEST(BTreePageFile, OpeningRefusesWithExactMessages) {
     EXPECT_FALSE(pf.ok);
     return messages(support);
   };
-  const std::vector<std::string> invalid = {"Invalid BTree (" + dir.file("x.bt") + ")."};
-  std::string bad = good;
-  patch(bad, 0, le32(0x00010500));
-  EXPECT_EQ(openWith(bad, true), invalid);
-  for (int i = 4; i < 8; ++i) {
-    bad = good;
-    bad[i] ^= 0x20;
-    EXPECT_EQ(openWith(bad, true), invalid) << "magic byte " << i;
+  const std::string invalid = "Invalid BTree (" + dir.file("x.bt") + ").";
+  struct Case { size_t at; std::string with; bool readOnly; std::string message; } cases[] = {
+      {0, le32(0x00010500), true, invalid},   {4, "kBT1", true, invalid},  {4, "KbT1", true, invalid},
+      {4, "KBt1", true, invalid},             {4, "KBT\x11", true, invalid},
+      {16, le32(1), true, invalid},           // order 1
+      {12, le32(0), true, invalid},           // key length 0
+      {12, le32(0x7FFFFFF0), true, invalid},  // record size beyond 32 bits
+      {16, le32(4), true, invalid},           // file too short for one record of order 4
+      {45, "", true, "Unable to read BTreePageFileHdr (" + dir.file("x.bt") + ")."},
+      {22, "\x01", false, "Cannot modify a compressed BTree"}};
+  for (const Case& c : cases) {
+    std::string bad = good;
+    if (c.with.empty()) bad.resize(c.at);
+    patch(bad, c.at, c.with);
+    EXPECT_EQ(openWith(bad, c.readOnly), std::vector<std::string>{c.message}) << c.at << " " << c.with;
   }
-  bad = good;
-  patch(bad, 16, le32(1));  // order 1
-  EXPECT_EQ(openWith(bad, true), invalid);
-  bad = good;
-  patch(bad, 12, le32(0));  // key length 0
-  EXPECT_EQ(openWith(bad, true), invalid);
-  bad = good;
-  patch(bad, 12, le32(0x7FFFFFF0));  // record size beyond 32 bits
-  EXPECT_EQ(openWith(bad, true), invalid);
-  bad = good;
-  patch(bad, 16, le32(4));  // file too short for one record of order 4
-  EXPECT_EQ(openWith(bad, true), invalid);
-  EXPECT_EQ(openWith(good.substr(0, 45), true),
-            std::vector<std::string>{"Unable to read BTreePageFileHdr (" + dir.file("x.bt") + ")."});
-  bad = good;
-  bad[22] = 1;  // compressed
-  EXPECT_EQ(openWith(bad, false), std::vector<std::string>{"Cannot modify a compressed BTree"});
-
   lltest::RecordingSupport support;
   { BTreePageFile pf(dir.file("missing.bt"), true, 0); EXPECT_FALSE(pf.ok); }
   { BTreePageFile pf(dir.file("missing.bt"), false, 5); EXPECT_FALSE(pf.ok); }
   { BTreePageFile pf(dir.file("no/such/dir.bt"), 3, 4, false, 0, 0, 0); EXPECT_FALSE(pf.ok); }
-  ASSERT_EQ(support.reports.size(), 3u);
-  EXPECT_EQ(support.reports[0].message, "Unable to open file (" + dir.file("missing.bt") + ").");
-  EXPECT_EQ(support.reports[1].message,
-            "You may not open a file with an offset for anything other than reading (" +
-                dir.file("missing.bt") + ").");
-  EXPECT_EQ(support.reports[2].message, "Unable to create file (" + dir.file("no/such/dir.bt") + ").");
-  EXPECT_EQ(support.reports[0].function, "BTreePageFile::BTreePageFile");
-  EXPECT_EQ(support.reports[0].flag, eReportError);
-  EXPECT_EQ(support.reports[0].module, "btree");
+  EXPECT_EQ(messages(support),
+            (std::vector<std::string>{
+                "Unable to open file (" + dir.file("missing.bt") + ").",
+                "You may not open a file with an offset for anything other than reading (" +
+                    dir.file("missing.bt") + ").",
+                "Unable to create file (" + dir.file("no/such/dir.bt") + ")."}));
+  const lltest::Report& r = support.reports[0];
+  EXPECT_EQ(r.function + "|" + r.module + "|" + std::to_string(r.flag == eReportError),
+            "BTreePageFile::BTreePageFile|btree|1");
   EXPECT_FALSE(lltest::fileExists(dir.file("missing.bt")));
 }
 
