@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 #include <random>
 #include <string>
@@ -119,30 +120,20 @@ class ModelTest : public ::testing::TestWithParam<Config> {
     }
   }
 
-  // Walks `steps` entries forward and then back from `at`, which the cursor stands on.
-  void walkFrom(BTree& tree, std::map<std::string, int32_t>::const_iterator at, int steps) {
-    int32_t v = 0;
-    auto it = at;
-    for (int i = 0; i < steps; ++i) {
-      ++it;
-      if (it == model.end()) {
-        EXPECT_FALSE(tree.next(v));
-        return;
-      }
-      ASSERT_TRUE(tree.next(v));
-      ASSERT_EQ(v, it->second);
-      ASSERT_EQ(current(tree), visible(it->first));
+  // From `at`, where the cursor stands, `steps` entries forward and then twice as many back, or
+  // until an end of the tree, where the step must answer false.
+  void walkFrom(BTree& tree, std::map<std::string, int32_t>::const_iterator it, int steps) {
+    std::string want, got;
+    for (int i = 0; i < 3 * steps; ++i) {
+      const bool back = i >= steps;
+      const bool more = back ? it != model.begin() : std::next(it) != model.end();
+      if (more) it = back ? std::prev(it) : std::next(it);
+      want += more ? visible(it->first) + "=" + std::to_string(it->second) + " " : "-";
+      int32_t v = 0;
+      got += (back ? tree.prev(v) : tree.next(v)) ? current(tree) + "=" + std::to_string(v) + " " : "-";
+      if (!more) break;
     }
-    for (int i = 0; i < 2 * steps; ++i) {
-      if (it == model.begin()) {
-        EXPECT_FALSE(tree.prev(v));
-        return;
-      }
-      --it;
-      ASSERT_TRUE(tree.prev(v));
-      ASSERT_EQ(v, it->second);
-      ASSERT_EQ(current(tree), visible(it->first));
-    }
+    ASSERT_EQ(got, want);
   }
 
   void verify(BTree& tree) {

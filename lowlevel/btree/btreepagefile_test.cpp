@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <memory>
 #include <set>
 #include <string>
@@ -164,37 +165,31 @@ TEST(BTreePageFile, FreeChainLastFreedFirstReused) {
   const std::string path = makeEmpty(dir);
   BTreePageFile pf(path, false, 0);
   ASSERT_TRUE(pf.ok);
-  BTreePage a(3, 4), b(3, 4);
-  ASSERT_TRUE(pf.writePage(a, false));
-  ASSERT_TRUE(pf.writePage(b, false));
-  EXPECT_EQ(a.offset, 102);
-  EXPECT_EQ(b.offset, 158);
+  // Places pages in turn; answers each placement as offset/free head/root offset.
+  auto place = [&](std::initializer_list<std::pair<BTreePage*, bool>> pages) {
+    std::string out;
+    for (const auto& [page, isRoot] : pages) {
+      const bool ok = pf.writePage(*page, isRoot);
+      out += (ok ? std::to_string(page->offset) : "-") + "/" + std::to_string(pf.hdr.freeListHead) +
+             "/" + std::to_string(pf.hdr.rootOffset) + " ";
+    }
+    return out;
+  };
+  BTreePage a(3, 4), b(3, 4), c(3, 4), d(3, 4), e(3, 4), f(3, 4);
+  EXPECT_EQ(place({{&a, false}, {&b, false}}), "102/-1/46 158/-1/46 ");
   const std::string before = lltest::readFile(path);
-  ASSERT_TRUE(pf.freePage(102));
-  ASSERT_TRUE(pf.freePage(158));
-  EXPECT_EQ(pf.hdr.freeListHead, 158);
+  ASSERT_TRUE(pf.freePage(102) && pf.freePage(158));
   std::string expected = before;
   patch(expected, 102, le32(-1));
   patch(expected, 158, le32(102));
   patch(expected, 32, le32(158));
   EXPECT_EQ(lltest::readFile(path), expected);  // only link words and the header changed
-
-  BTreePage c(3, 4), d(3, 4), e(3, 4);
-  ASSERT_TRUE(pf.writePage(c, false));
-  EXPECT_EQ(c.offset, 158);
-  EXPECT_EQ(pf.hdr.freeListHead, 102);
-  ASSERT_TRUE(pf.writePage(d, true));
-  EXPECT_EQ(d.offset, 102);
-  EXPECT_EQ(pf.hdr.freeListHead, -1);
-  EXPECT_EQ(pf.hdr.rootOffset, 102);
-  ASSERT_TRUE(pf.writePage(e, false));
-  EXPECT_EQ(e.offset, 214);
+  EXPECT_EQ(place({{&c, false}, {&d, true}, {&e, false}}), "158/102/46 102/-1/102 214/-1/102 ");
   // A page with a place is rewritten there and leaves the chain alone.
   ASSERT_TRUE(pf.freePage(214));
   c.keyCount = 1;
   c.keys[0] = BTreePageKey(4, "ab", 2);
-  ASSERT_TRUE(pf.writePage(c, false));
-  EXPECT_EQ(pf.hdr.freeListHead, 214);
+  EXPECT_EQ(place({{&c, false}}), "158/214/102 ");
   BTreePage back(0, 0);
   ASSERT_TRUE(pf.readPage(158, back));
   EXPECT_EQ(back.keyCount, 1u);
@@ -202,7 +197,6 @@ TEST(BTreePageFile, FreeChainLastFreedFirstReused) {
   // A damaged chain that loops onto itself is not followed.
   pf.freePage(158);
   pf.freePage(158);
-  BTreePage f(3, 4);
   EXPECT_FALSE(pf.writePage(f, false));
 }
 
