@@ -61,41 +61,29 @@ TEST_F(CursorTest, StepsAcrossLevelsInBothDirections) {
   EXPECT_EQ(run(*tree, "L P P P P P P P P"), "108 107 106 105 104 103 102 101 -");
 }
 
+// Each getCurrentKey(buffer, length) call as answer/length/buffer.
+std::string currentKey(BTree& tree, int length) {
+  char buffer[33];
+  std::memset(buffer, '#', sizeof buffer);
+  const bool ok = tree.getCurrentKey(buffer, length);
+  return std::to_string(ok) + "/" + std::to_string(length) + "/" + std::string(buffer, sizeof buffer).substr(0, 8);
+}
+
 TEST_F(CursorTest, CurrentKeyTellsTheSizeItNeedsAndWritesNoTerminator) {
   auto tree = create(5, 6);
   ASSERT_TRUE(tree->insertKey(1, "key", 0));
-  char buffer[8];
-  std::memset(buffer, '#', sizeof buffer);
-  int length = 3;
-  EXPECT_FALSE(tree->getCurrentKey(buffer, length));
-  EXPECT_EQ(length, 3) << "no cursor";
-  int32_t v = 0;
+  EXPECT_EQ(currentKey(*tree, 3), "0/3/########") << "no cursor";
+  int32_t v = 0, number = 77;
   ASSERT_TRUE(tree->first(v));
-  length = 5;
-  EXPECT_FALSE(tree->getCurrentKey(buffer, length));
-  EXPECT_EQ(length, 6);
-  EXPECT_EQ(std::string(buffer, 8), "########");
-  ASSERT_TRUE(tree->getCurrentKey(buffer, length));
-  EXPECT_EQ(length, 6);
-  EXPECT_EQ(std::string(buffer, 8), std::string("key\0\0\0##", 8));
-  int32_t number = 77;
+  EXPECT_EQ(currentKey(*tree, 5) + " " + currentKey(*tree, 6), std::string("0/6/######## 1/6/key\0\0\0##", 25));
   EXPECT_FALSE(tree->getCurrentKey(number)) << "a key of 6 bytes is no long key";
   EXPECT_EQ(number, 77);
-
   auto wide = create(3, 20, true);
-  ASSERT_TRUE(wide->insertKey(-1, "x", 0));
-  ASSERT_TRUE(wide->first(v));
-  char big[32];
-  length = sizeof big;
-  ASSERT_TRUE(wide->getCurrentKey(big, length));
-  EXPECT_EQ(length, 20);
-
+  ASSERT_TRUE(wide->insertKey(-1, "x", 0) && wide->first(v));
+  EXPECT_EQ(currentKey(*wide, 33), std::string("1/20/x\0\0\0\0\0\0\0", 13));
   auto longs = create(3, 4);
-  ASSERT_TRUE(longs->insertKey(5, int32_t{0x01020304}));
-  ASSERT_TRUE(longs->first(v));
-  length = 4;
-  ASSERT_TRUE(longs->getCurrentKey(buffer, length));
-  EXPECT_EQ(std::string(buffer, 4), be4(0x01020304));
+  ASSERT_TRUE(longs->insertKey(5, int32_t{0x01020304}) && longs->first(v));
+  EXPECT_EQ(currentKey(*longs, 4), "1/4/\x01\x02\x03\x04####");
   ASSERT_TRUE(longs->getCurrentKey(number));
   EXPECT_EQ(number, 0x01020304);
 }

@@ -12,27 +12,23 @@ std::string bytesOf(const BTreePageKey& key) {
   return std::string(reinterpret_cast<const char*>(key.data), key.size);
 }
 
-TEST(BTreePageKey, PadsCutsAndTakesTerminatedLength) {
-  BTreePageKey text(6, "abc", 0);
-  EXPECT_EQ(bytesOf(text), std::string("abc\0\0\0", 6));
-  EXPECT_EQ(text.length, 3u);
-  BTreePageKey binary(6, "a\0b", 3);  // explicit length keeps the zero byte inside
-  EXPECT_EQ(bytesOf(binary), std::string("a\0b\0\0\0", 6));
-  BTreePageKey cut(4, "abcdef", 6);
-  EXPECT_EQ(bytesOf(cut), "abcd");
-  EXPECT_EQ(cut.length, 4u);
-  EXPECT_EQ(cut.compare(BTreePageKey(4, "abcdXY", 0)), 0);  // differ only behind the slot
-}
-
-TEST(BTreePageKey, ValueTailIsBigEndianBehindTheKeyRoom) {
-  EXPECT_EQ(bytesOf(BTreePageKey(8, "ab", 0, 1)), std::string("ab\0\0\0\0\0\x01", 8));
-  BTreePageKey cut(8, "abcdef", 0, 0x01020304);
-  EXPECT_EQ(bytesOf(cut), "abcd\x01\x02\x03\x04");
-  EXPECT_EQ(cut.length, 4u);
-  BTreePageKey minusOne(8, "ab", 2, -1);
-  EXPECT_EQ(bytesOf(minusOne), std::string("ab\0\0\xFF\xFF\xFF\xFF", 8));
-  EXPECT_GT(minusOne.compare(BTreePageKey(8, "ab", 2, 1)), 0);
-  // Bytes compare unsigned.
+// Slots are padded or cut to their size, a value goes big-endian into the last four bytes and
+// leaves the rest for the key; length 0 takes the key up to its terminator.
+TEST(BTreePageKey, PadsCutsAndCarriesTheValueTail) {
+  struct Case { BTreePageKey key; std::string bytes; unsigned length; } cases[] = {
+      {BTreePageKey(6, "abc", 0), std::string("abc\0\0\0", 6), 3},
+      {BTreePageKey(6, "a\0b", 3), std::string("a\0b\0\0\0", 6), 3},
+      {BTreePageKey(4, "abcdef", 6), "abcd", 4},
+      {BTreePageKey(8, "ab", 0, 1), std::string("ab\0\0\0\0\0\x01", 8), 2},
+      {BTreePageKey(8, "abcdef", 0, 0x01020304), "abcd\x01\x02\x03\x04", 4},
+      {BTreePageKey(8, "ab", 2, -1), std::string("ab\0\0\xFF\xFF\xFF\xFF", 8), 2}};
+  for (const Case& c : cases) {
+    EXPECT_EQ(bytesOf(c.key), c.bytes);
+    EXPECT_EQ(c.key.length, c.length) << c.bytes;
+  }
+  // Differ only behind the slot; value tails and bytes compare unsigned; a shorter key first.
+  EXPECT_EQ(BTreePageKey(4, "abcdef", 6).compare(BTreePageKey(4, "abcdXY", 0)), 0);
+  EXPECT_GT(BTreePageKey(8, "ab", 2, -1).compare(BTreePageKey(8, "ab", 2, 1)), 0);
   EXPECT_GT(BTreePageKey(2, "\x80", 1).compare(BTreePageKey(2, "\x7F", 1)), 0);
   EXPECT_LT(BTreePageKey(2, "a", 1).compare(BTreePageKey(2, "ab", 2)), 0);
 }
@@ -56,21 +52,22 @@ TEST(BTreePageKey, CopiesAreDeepAndEmptyStaysEmpty) {
   EXPECT_EQ(bytesOf(copy), "abcd");
 }
 
+// A page as text: order max min offset parent keyCount, then the slots, values and children.
+std::string dump(const BTreePage& page) {
+  std::string out = std::to_string(page.order) + " " + std::to_string(page.maxKeys) + " " +
+                    std::to_string(page.minKeys) + " " + std::to_string(page.offset) + " " +
+                    std::to_string(page.parentOffset) + " " + std::to_string(page.keyCount) + " |";
+  for (unsigned i = 0; i < page.maxKeys; ++i)
+    out += " " + (page.keys[i].data ? bytesOf(page.keys[i]) : "-") + "=" + std::to_string(page.values[i]);
+  out += " |";
+  for (unsigned i = 0; i < page.order; ++i) out += " " + std::to_string(page.children[i]);
+  return out;
+}
+
 TEST(BTreePage, ShapesOfNewPages) {
-  struct Case { unsigned order, maxKeys, minKeys; } cases[] = {{7, 6, 3}, {8, 7, 4}, {2, 1, 1}};
-  for (const Case& c : cases) {
-    BTreePage page(c.order, 10);
-    EXPECT_EQ(page.maxKeys, c.maxKeys);
-    EXPECT_EQ(page.minKeys, c.minKeys);
-    EXPECT_EQ(page.offset, -1);
-    EXPECT_EQ(page.parentOffset, -1);
-    EXPECT_EQ(page.keyCount, 0u);
-    for (unsigned i = 0; i < page.maxKeys; ++i) {
-      EXPECT_EQ(page.keys[i].data, nullptr);
-      EXPECT_EQ(page.values[i], 0);
-    }
-    for (unsigned i = 0; i < page.order; ++i) EXPECT_EQ(page.children[i], -1);
-  }
+  EXPECT_EQ(dump(BTreePage(7, 10)), "7 6 3 -1 -1 0 | -=0 -=0 -=0 -=0 -=0 -=0 | -1 -1 -1 -1 -1 -1 -1");
+  EXPECT_EQ(dump(BTreePage(8, 10)), "8 7 4 -1 -1 0 | -=0 -=0 -=0 -=0 -=0 -=0 -=0 | -1 -1 -1 -1 -1 -1 -1 -1");
+  EXPECT_EQ(dump(BTreePage(2, 10)), "2 1 1 -1 -1 0 | -=0 | -1 -1");
   BTreePage placeholder(0, 10);
   EXPECT_TRUE(placeholder.isPlaceholder());
   EXPECT_EQ(placeholder.keyLength, 0u);
@@ -95,11 +92,7 @@ TEST(BTreePage, CopyAndAssignmentShareNoBuffer) {
 
   BTreePage target(0, 0);
   target = source;
-  ASSERT_FALSE(target.isPlaceholder());
-  EXPECT_EQ(target.order, 4u);
-  EXPECT_EQ(target.offset, 46);
-  EXPECT_EQ(target.children[1], 200);
-  EXPECT_EQ(bytesOf(target.keys[0]), std::string("ab\0", 3));
+  EXPECT_EQ(dump(target), std::string("4 3 2 46 -1 1 | ab\0=9 -=0 -=0 | -1 200 -1 -1", 44));
   BTreePage other(7, 3);
   other = source;  // another order: rebuilt at the source's size
   EXPECT_EQ(other.maxKeys, 3u);

@@ -14,15 +14,9 @@ using btreetoolstest::Entry;
 using btreetoolstest::le32;
 using btreetoolstest::makeTree;
 using btreetoolstest::walk;
+using btreetest::hex;
 
 namespace {
-
-std::string hex(const std::string& bytes) {
-  static const char digits[] = "0123456789ABCDEF";
-  std::string out;
-  for (unsigned char c : bytes) out += {digits[c >> 4], digits[c & 15], ' '};
-  return out;
-}
 
 std::vector<Entry> numbered(int count, int width) {
   std::vector<Entry> out;
