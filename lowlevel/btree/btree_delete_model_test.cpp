@@ -114,9 +114,12 @@ class DeleteModel : public ::testing::TestWithParam<Config> {
     const BTreePageFileHdr& hdr = BTreeTestAccess::pageFile(*tree)->hdr;
     const int32_t records = (fileLength() - kBTreeHeaderSize) /
                             static_cast<int32_t>(btreeRecordSize(hdr.order, hdr.keyLength));
-    EXPECT_EQ(BTreeTestAccess::pageCount(*tree) +
-                  static_cast<int32_t>(BTreeTestAccess::freeChain(*tree, records + 1).size()),
-              records);
+    const std::string file = lltest::readFile(path());
+    int32_t pages = 0, free = 0;
+    ASSERT_EQ(BTreeTestAccess::checkTree(*tree, true, &pages), "");
+    for (int32_t at = btreetest::field(file, 32); at != -1 && free <= records; ++free)
+      at = btreetest::field(file, static_cast<size_t>(at));
+    EXPECT_EQ(pages + free, records);
   }
 
   void runUntil(size_t target, int insertShare) {

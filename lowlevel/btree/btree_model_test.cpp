@@ -36,10 +36,7 @@ std::string name(const Config& c) {
 
 int keyWidth(Keys keys) { return keys == Keys::Binary ? 8 : keys == Keys::Text ? 6 : 48; }
 
-std::string be4(uint32_t v) {
-  return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16),
-                     static_cast<char>(v >> 8), static_cast<char>(v)};
-}
+using btreetest::be4;
 
 // A caller's key: its bytes, and the length argument that goes with them (0: terminated text).
 struct Key {

@@ -45,9 +45,10 @@ struct BTreeTestAccess {
   // each child names its parent, keys ascend within a page and across the whole tree, leaves lie
   // at one depth with -1 children, interior pages have children 0..keyCount and -1 behind, unused
   // slots are empty, every page but the root holds at least minKeys keys (unless `relaxed`), and
-  // the keys add up to the page file's keyCount. Returns "" when all hold, else what broke first.
-  // Bounded by the records the file can hold, so a damaged file cannot make it loop.
-  static std::string checkTree(BTree& t, bool relaxed = false) {
+  // the keys add up to the page file's keyCount. Returns "" when all hold, else what broke first;
+  // `pages` receives the number of pages reached. Bounded by the records the file can hold, so a
+  // damaged file cannot make it loop.
+  static std::string checkTree(BTree& t, bool relaxed = false, int32_t* pages = nullptr) {
     BTreePageFile* pf = t.pageFile;
     if (pf == nullptr || !pf->ok || t.root == nullptr) return "no page file or root";
     Walk walk;
@@ -58,6 +59,7 @@ struct BTreeTestAccess {
     if (!pf->readPage(pf->hdr.rootOffset, rootPage)) return "root does not read";
     if (rootPage.parentOffset != -1) return "root has a parent";
     std::string problem = walk.visit(rootPage, 0, true);
+    if (pages != nullptr) *pages = walk.pages;
     if (!problem.empty()) return problem;
     if (walk.keys != pf->keyCount)
       return "tree holds " + std::to_string(walk.keys) + " keys, keyCount says " +
@@ -91,34 +93,6 @@ struct BTreeTestAccess {
     std::string out;
     for (unsigned char c : slot) out += {digits[c >> 4], digits[c & 15]};
     return out;
-  }
-
-  // The number of records the walk from the root reaches (pages in use).
-  static int32_t pageCount(BTree& t) {
-    Walk walk;
-    walk.pf = t.pageFile;
-    walk.limit = walk.pf != nullptr ? walk.pf->recordLimit() : 0;
-    walk.relaxed = true;
-    BTreePage rootPage(0, 0);
-    if (walk.pf == nullptr || !walk.pf->readPage(walk.pf->hdr.rootOffset, rootPage)) return -1;
-    return walk.visit(rootPage, 0, true).empty() ? walk.pages : -1;
-  }
-
-  // The chain of free records, from freeListHead on (at most `limit` entries).
-  static std::vector<int32_t> freeChain(BTree& t, int limit = 1000) {
-    std::vector<int32_t> chain;
-    BTreePageFile* pf = t.pageFile;
-    if (pf == nullptr) return chain;
-    int32_t at = pf->hdr.freeListHead;
-    while (at != -1 && static_cast<int>(chain.size()) < limit) {
-      chain.push_back(at);
-      unsigned char link[4];
-      if (pf->file.Seek(at + pf->offsetStart, 0) != at + pf->offsetStart) break;
-      if (pf->file.Read(link, 4) != 4) break;
-      at = static_cast<int32_t>(link[0] | (link[1] << 8) | (link[2] << 16) |
-                                (static_cast<uint32_t>(link[3]) << 24));
-    }
-    return chain;
   }
 
  private:
