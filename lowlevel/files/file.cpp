@@ -1,5 +1,7 @@
 #include "lowlevel/files/file.h"
 
+#include "lowlevel/platform/io.h"
+
 #include <algorithm>
 
 std::vector<ZFile*> ZFile::m_vCdFiles;
@@ -136,6 +138,7 @@ bool ZFile::Close() {
 
 int ZFile::GetHandle() {
   ReopenInternal();
+  lowlevel::platform::syncPosition(m_nHandle);  // whoever takes the handle sees the object's position
   return m_nHandle;
 }
 

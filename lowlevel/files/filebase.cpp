@@ -45,7 +45,10 @@ bool ZFileBase::Close() {
   return closed;
 }
 
-int ZFileBase::GetHandle() { return m_nHandle; }
+int ZFileBase::GetHandle() {
+  io::syncPosition(m_nHandle);  // whoever takes the handle sees the object's position
+  return m_nHandle;
+}
 
 int32_t ZFileBase::Position() { return io::tell(m_nHandle); }
 

@@ -6,7 +6,9 @@
 
 #include <cerrno>
 #include <climits>
+#include <memory>
 #include <string>
+#include <vector>
 
 namespace lowlevel {
 namespace platform {
@@ -24,6 +26,29 @@ unsigned allowedBytes(IoCall call, int handle, unsigned count) {
   if (g_hook == nullptr) return count;
   unsigned allowed = g_hook->limitBytes(call, handle, count);
   return allowed < count ? allowed : count;
+}
+
+// The position of an open regular file, kept here so that a seek costs no system call: a read or
+// write after it goes to the kept position in one positioned call. Handles made by dup share one
+// record, as they share one position in the system. The system's own position is brought up to
+// date (syncPosition) before a handle is handed out of the layer; handles this layer did not open
+// are not tracked and work on the system's position directly.
+struct TrackedPosition {
+  int64_t position = 0;  // where the next read or write goes
+  int64_t system = 0;    // where the system's position stands
+};
+
+std::vector<std::shared_ptr<TrackedPosition>> g_positions;  // by handle
+
+TrackedPosition* tracked(int handle) {
+  if (handle < 0 || static_cast<size_t>(handle) >= g_positions.size()) return nullptr;
+  return g_positions[static_cast<size_t>(handle)].get();
+}
+
+void track(int handle, std::shared_ptr<TrackedPosition> position) {
+  if (handle < 0) return;
+  if (static_cast<size_t>(handle) >= g_positions.size()) g_positions.resize(static_cast<size_t>(handle) + 1);
+  g_positions[static_cast<size_t>(handle)] = std::move(position);
 }
 
 std::string hostPath(const char* path) {
@@ -72,12 +97,23 @@ int open(const char* path, unsigned flags, unsigned permission) {
     ::close(fd);
     return -1;
   }
+  track(fd, S_ISREG(st.st_mode) && !(flags & kOpenAppend) ? std::make_shared<TrackedPosition>() : nullptr);
   return fd;
+}
+
+int syncPosition(int handle) {
+  TrackedPosition* p = tracked(handle);
+  if (p == nullptr || p->position == p->system) return 0;
+  if (::lseek(handle, static_cast<off_t>(p->position), SEEK_SET) < 0) return -1;
+  p->system = p->position;
+  return 0;
 }
 
 int close(int handle) {
   ++g_counters.closes;
   if (handle < 0) return -1;
+  syncPosition(handle);  // handles made by dup elsewhere in the process go on from here
+  track(handle, nullptr);
   if (injectedFailure(IoCall::Close, handle)) {
     // A failed close still releases the handle on POSIX systems; do the same so nothing leaks.
     ::close(handle);
@@ -94,14 +130,17 @@ int read(int handle, void* buffer, unsigned count) {
   count = allowedBytes(IoCall::Read, handle, count);
   char* p = static_cast<char*>(buffer);
   unsigned done = 0;
+  TrackedPosition* at = tracked(handle);
   while (done < count) {
-    ssize_t n = ::read(handle, p + done, count - done);
+    ssize_t n = at != nullptr ? ::pread(handle, p + done, count - done, static_cast<off_t>(at->position))
+                              : ::read(handle, p + done, count - done);
     if (n < 0) {
       if (errno == EINTR) continue;
       return done > 0 ? static_cast<int>(done) : -1;
     }
     if (n == 0) break;
     done += static_cast<unsigned>(n);
+    if (at != nullptr) at->position += n;
   }
   return static_cast<int>(done);
 }
@@ -114,14 +153,17 @@ int write(int handle, const void* buffer, unsigned count) {
   count = allowedBytes(IoCall::Write, handle, count);
   const char* p = static_cast<const char*>(buffer);
   unsigned done = 0;
+  TrackedPosition* at = tracked(handle);
   while (done < count) {
-    ssize_t n = ::write(handle, p + done, count - done);
+    ssize_t n = at != nullptr ? ::pwrite(handle, p + done, count - done, static_cast<off_t>(at->position))
+                              : ::write(handle, p + done, count - done);
     if (n < 0) {
       if (errno == EINTR) continue;
       return done > 0 ? static_cast<int>(done) : -1;
     }
     if (n == 0) break;
     done += static_cast<unsigned>(n);
+    if (at != nullptr) at->position += n;
   }
   return static_cast<int>(done);
 }
@@ -130,11 +172,12 @@ int32_t lseek(int handle, int32_t offset, int origin) {
   ++g_counters.seeks;
   if (handle < 0) return -1;
   if (injectedFailure(IoCall::Seek, handle)) return -1;
+  TrackedPosition* at = tracked(handle);
   int64_t base;
   switch (origin) {
     case 0: base = 0; break;
     case 1: {
-      off_t cur = ::lseek(handle, 0, SEEK_CUR);
+      off_t cur = at != nullptr ? static_cast<off_t>(at->position) : ::lseek(handle, 0, SEEK_CUR);
       if (cur < 0) return -1;
       base = cur;
       break;
@@ -149,6 +192,10 @@ int32_t lseek(int handle, int32_t offset, int origin) {
   }
   int64_t target = base + offset;
   if (target < 0 || target > INT32_MAX) return -1;
+  if (at != nullptr) {
+    at->position = target;
+    return static_cast<int32_t>(target);
+  }
   off_t got = ::lseek(handle, static_cast<off_t>(target), SEEK_SET);
   if (got < 0) return -1;
   return static_cast<int32_t>(got);
@@ -158,7 +205,8 @@ int32_t tell(int handle) {
   ++g_counters.tells;
   if (handle < 0) return -1;
   if (injectedFailure(IoCall::Tell, handle)) return -1;
-  off_t cur = ::lseek(handle, 0, SEEK_CUR);
+  TrackedPosition* at = tracked(handle);
+  off_t cur = at != nullptr ? static_cast<off_t>(at->position) : ::lseek(handle, 0, SEEK_CUR);
   if (cur < 0 || cur > INT32_MAX) return -1;
   return static_cast<int32_t>(cur);
 }
@@ -177,7 +225,10 @@ int dup(int handle) {
   if (handle < 0) return -1;
   if (injectedFailure(IoCall::Dup, handle)) return -1;
   int fd = ::fcntl(handle, F_DUPFD_CLOEXEC, 0);
-  return fd < 0 ? -1 : fd;
+  if (fd < 0) return -1;
+  TrackedPosition* at = tracked(handle);
+  track(fd, at != nullptr ? g_positions[static_cast<size_t>(handle)] : nullptr);
+  return fd;
 }
 
 int fstat(int handle, FileStat* out) {

@@ -57,6 +57,10 @@ int32_t tell(int handle);
 int32_t filelength(int handle);
 // A new handle on the same open file, sharing its position. -1 on failure.
 int dup(int handle);
+// The layer keeps the position of the regular files it opened, so that a seek costs no system call
+// and the read or write after it is one positioned call. This brings the system's own position of
+// the handle up to date, for code that uses the handle outside this layer. 0, or -1 on failure.
+int syncPosition(int handle);
 // Fills `stat`. 0 on success, -1 on failure.
 int fstat(int handle, FileStat* stat);
 
