@@ -147,4 +147,30 @@ TEST(PlatformIo, FaultHookFailsAndTearsCalls) {
   EXPECT_EQ(0, io::close(h));
 }
 
+// The layer keeps a file's position itself; duplicates share it, and the system's position catches
+// up when the handle is handed out (syncPosition) or closed, so code outside the layer sees it.
+TEST(PlatformIo, KeptPositionIsSharedAndHandedOut) {
+  lltest::TempDir dir;
+  std::string path = dir.file("p");
+  lltest::writeFile(path, "0123456789abcdef");
+  int h = io::open(path.c_str(), io::kOpenReadWrite, 0);
+  ASSERT_GE(h, 0);
+  int d = io::dup(h);
+  ASSERT_GE(d, 0);
+  char buf[4] = {};
+  EXPECT_EQ(10, io::lseek(h, 10, 0));
+  EXPECT_EQ(3, io::read(h, buf, 3));
+  EXPECT_EQ("abc", std::string(buf, 3));
+  EXPECT_EQ(13, io::tell(d));
+  EXPECT_EQ(11, io::lseek(d, -2, 1));
+  EXPECT_EQ(2, io::write(h, "XY", 2));
+  EXPECT_EQ(0, io::syncPosition(d));
+  EXPECT_EQ(13, ::lseek(d, 0, SEEK_CUR));
+  EXPECT_EQ(1, ::read(d, buf, 1));  // the system's position goes on from there
+  EXPECT_EQ('d', buf[0]);
+  EXPECT_EQ(0, io::close(d));
+  EXPECT_EQ(0, io::close(h));
+  EXPECT_EQ("0123456789aXYdef", lltest::readFile(path));
+}
+
 }  // namespace
