@@ -410,6 +410,8 @@ int main(int argc, char** argv) {
       dir = val;
     }
   }
+  std::error_code made;
+  fs::create_directories(dir, made);
   const char* workloads[] = {"fillseq", "fillrandom", "readrandom", "readmissing", "seekrandom", "readseq", "deleterandom"};
   for (int64_t n : sizes) {
     std::map<std::string, std::map<std::string, Result>> results;
