@@ -19,11 +19,7 @@ namespace lc = lowlevel::platform;
 static_assert(!std::is_copy_constructible<BTree>::value, "a BTree owns its page file alone");
 static_assert(!std::is_copy_assignable<BTree>::value, "a BTree owns its page file alone");
 
-std::string le32(int32_t v) {
-  std::string s(4, '\0');
-  for (int i = 0; i < 4; ++i) s[i] = static_cast<char>((static_cast<uint32_t>(v) >> (8 * i)) & 0xFF);
-  return s;
-}
+std::string le32(int32_t v) { return btreetest::le4(v); }
 
 void patchFile(const std::string& path, size_t at, const std::string& with) {
   std::string bytes = lltest::readFile(path);

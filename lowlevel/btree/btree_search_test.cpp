@@ -78,7 +78,7 @@ class CorruptTest : public SearchTest {
   // Overwrites the 4-byte field at `at` of the closed file.
   void patch(size_t at, int32_t value) {
     std::string bytes = lltest::readFile(path);
-    for (int i = 0; i < 4; ++i) bytes[at + i] = static_cast<char>(static_cast<uint32_t>(value) >> (8 * i));
+    bytes.replace(at, 4, btreetest::le4(value));
     lltest::writeFile(path, bytes);
   }
   static constexpr size_t kLeftLeaf = 46, kRightLeaf = 102, kRoot = 158;

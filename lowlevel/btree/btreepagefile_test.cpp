@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "lowlevel/btree/btree_testing.h"
 #include "tests/testsupport/testing.h"
 
 namespace {
@@ -21,11 +22,7 @@ const std::string kEmpty102(
     "\x00\x00\x00\x00\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF",
     102);
 
-std::string le32(int32_t v) {
-  std::string s(4, '\0');
-  for (int i = 0; i < 4; ++i) s[i] = static_cast<char>((static_cast<uint32_t>(v) >> (8 * i)) & 0xFF);
-  return s;
-}
+std::string le32(int32_t v) { return btreetest::le4(v); }
 
 void patch(std::string& bytes, size_t at, const std::string& with) { bytes.replace(at, with.size(), with); }
 

@@ -15,11 +15,7 @@ namespace btreetoolstest {
 using btreetest::Entry;
 using btreetest::walk;
 
-inline int32_t le32(const std::string& bytes, size_t at) {
-  uint32_t v = 0;
-  for (int i = 3; i >= 0; --i) v = (v << 8) | static_cast<unsigned char>(bytes.at(at + i));
-  return static_cast<int32_t>(v);
-}
+inline int32_t le32(const std::string& bytes, size_t at) { return btreetest::field(bytes, at); }
 
 // Creates a tree at `path` holding `entries` (keys by their exact bytes).
 inline bool makeTree(const std::string& path, int order, int width, bool duplicates,
