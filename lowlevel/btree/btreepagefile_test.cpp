@@ -146,14 +146,13 @@ TEST(BTreePageFile, VersionsClearWhatTheyIgnore) {
     {
       BTreePageFile pf(dir.file("v.bt"), false, 0);
       ASSERT_TRUE(pf.ok);
-      EXPECT_EQ(pf.hdr.lcid, c.lcid);
-      EXPECT_EQ(pf.hdr.mapFlags, c.flags);
-      EXPECT_EQ(pf.hdr.spaceConversion, c.space);
+      EXPECT_EQ(std::to_string(pf.hdr.lcid) + " " + std::to_string(pf.hdr.mapFlags) + " " +
+                    std::to_string(pf.hdr.spaceConversion),
+                std::to_string(c.lcid) + " " + std::to_string(c.flags) + " " + std::to_string(c.space));
     }
     std::string after = lltest::readFile(dir.file("v.bt"));  // the update stored what counts
-    EXPECT_EQ(after.substr(0, 4), le32(c.version));
-    EXPECT_EQ(after.substr(36, 4), le32(static_cast<int32_t>(c.lcid)));
-    EXPECT_EQ(after.substr(44, 2), std::string(1, static_cast<char>(c.space)) + '\0');
+    EXPECT_EQ(after.substr(0, 4) + after.substr(36, 4) + after.substr(44, 2),
+              le32(c.version) + le32(static_cast<int32_t>(c.lcid)) + static_cast<char>(c.space) + '\0');
   }
 }
 
