@@ -10,7 +10,7 @@
 
 #include "lowlevel/btree/btree.h"
 #include "lowlevel/btree/btreetools.h"
-#include "tools/inspect.h"
+#include "tools/rawtree.h"
 #include "tools/salvage.h"
 #include "tools/tool.h"
 

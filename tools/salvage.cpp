@@ -8,7 +8,7 @@
 
 #include "lowlevel/btree/btree.h"
 #include "lowlevel/platform/io.h"
-#include "tools/inspect.h"
+#include "tools/rawtree.h"
 
 namespace {
 

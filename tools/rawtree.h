@@ -1,8 +1,8 @@
 // A reader of BTree files that works from the bytes alone (through ZFile, so logical paths and
 // compressed files work), independent of the BTree class: used by `btree info`, `check` and `dump`
 // to see what the tree operations do not show, and to judge a damaged file without trusting it.
-#ifndef LOWLEVEL_TOOLS_INSPECT_H
-#define LOWLEVEL_TOOLS_INSPECT_H
+#ifndef LOWLEVEL_TOOLS_RAWTREE_H
+#define LOWLEVEL_TOOLS_RAWTREE_H
 
 #include <cstdint>
 #include <string>

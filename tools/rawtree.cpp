@@ -1,4 +1,4 @@
-#include "tools/inspect.h"
+#include "tools/rawtree.h"
 
 #include <cstdio>
 
