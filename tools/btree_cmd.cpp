@@ -655,35 +655,27 @@ void addBtreeCommands(CLI::App& app, ToolContext& ctx) {
 
   static std::string oneFile, oneKey, oneValue;
   static KeyOptions oneKeys;
-  CLI::App* put = bt->add_subcommand("put", "insert one key with its value");
-  put->add_option("FILE", oneFile)->required();
-  put->add_option("KEY", oneKey)->required();
-  put->add_option("VALUE", oneValue)->required();
-  addKeyOptions(put, oneKeys);
-  put->footer("Example: lowlevel btree put words.btr apple 17");
-  onRun(put, ctx, [&ctx] { return runPut(ctx, oneFile, oneKey, oneValue, oneKeys, false); });
-
-  CLI::App* rep = bt->add_subcommand("replace", "replace the value of a key (trees without duplicates)");
-  rep->add_option("FILE", oneFile)->required();
-  rep->add_option("KEY", oneKey)->required();
-  rep->add_option("VALUE", oneValue)->required();
-  addKeyOptions(rep, oneKeys);
-  rep->footer("Example: lowlevel btree replace words.btr apple 18");
-  onRun(rep, ctx, [&ctx] { return runPut(ctx, oneFile, oneKey, oneValue, oneKeys, true); });
-
-  CLI::App* get = bt->add_subcommand("get", "print the value(s) of a key; exit 1 when absent");
-  get->add_option("FILE", oneFile)->required();
-  get->add_option("KEY", oneKey)->required();
-  addKeyOptions(get, oneKeys);
-  get->footer("Example: lowlevel --host host.ini btree get cd:\\index.btr apple");
-  onRun(get, ctx, [&ctx] { return runGet(ctx, oneFile, oneKey, oneKeys); });
-
-  CLI::App* del = bt->add_subcommand("del", "delete a key (with --value: that entry of a duplicates tree)");
-  del->add_option("FILE", oneFile)->required();
-  del->add_option("KEY", oneKey)->required();
+  // A command on one key: FILE KEY [VALUE] and the key form options.
+  auto keyCommand = [&](const char* name, const char* help, bool withValue, const std::string& example) {
+    CLI::App* cmd = bt->add_subcommand(name, help);
+    cmd->add_option("FILE", oneFile)->required();
+    cmd->add_option("KEY", oneKey)->required();
+    if (withValue) cmd->add_option("VALUE", oneValue)->required();
+    addKeyOptions(cmd, oneKeys);
+    cmd->footer("Example: " + example);
+    return cmd;
+  };
+  onRun(keyCommand("put", "insert one key with its value", true, "lowlevel btree put words.btr apple 17"),
+        ctx, [&ctx] { return runPut(ctx, oneFile, oneKey, oneValue, oneKeys, false); });
+  onRun(keyCommand("replace", "replace the value of a key (trees without duplicates)", true,
+                   "lowlevel btree replace words.btr apple 18"),
+        ctx, [&ctx] { return runPut(ctx, oneFile, oneKey, oneValue, oneKeys, true); });
+  onRun(keyCommand("get", "print the value(s) of a key; exit 1 when absent", false,
+                   "lowlevel --host host.ini btree get cd:\\index.btr apple"),
+        ctx, [&ctx] { return runGet(ctx, oneFile, oneKey, oneKeys); });
+  CLI::App* del = keyCommand("del", "delete a key (with --value: that entry of a duplicates tree)", false,
+                             "lowlevel btree del words.btr apple");
   del->add_option("--value", oneValue, "the value of the entry to delete");
-  addKeyOptions(del, oneKeys);
-  del->footer("Example: lowlevel btree del words.btr apple");
   onRun(del, ctx, [&ctx] { return runDel(ctx, oneFile, oneKey, oneValue, oneKeys); });
 
   static RangeOptions range;

@@ -33,6 +33,21 @@ int32_t decodeLong(const char bytes[4]) {
 
 }  // namespace
 
+namespace {
+
+// Makes the root image and reads it from the file; false when either fails (a failed allocation
+// is reported, a failed read is not: the page file has its own reports).
+bool readRoot(BTreePageFile* pageFile, BTreePage** root) {
+  *root = new (std::nothrow) BTreePage(0, 0);
+  if (*root == nullptr) {
+    reporterLL("Out of Memory", "BTree::BTree", eReportError, kModule, __LINE__);
+    return false;
+  }
+  return pageFile->readPage(pageFile->hdr.rootOffset, **root);
+}
+
+}  // namespace
+
 BTree::BTree(const std::string& fileName_, bool readOnly, int32_t offset)
     : ok(false),
       fileName(fileName_),
@@ -52,13 +67,7 @@ BTree::BTree(const std::string& fileName_, bool readOnly, int32_t offset)
     reporterLL("Out of Memory", "BTree::BTree", eReportError, kModule, __LINE__);
     return;
   }
-  if (!pageFile->ok) return;
-  root = new (std::nothrow) BTreePage(0, 0);
-  if (root == nullptr) {
-    reporterLL("Out of Memory", "BTree::BTree", eReportError, kModule, __LINE__);
-    return;
-  }
-  if (!pageFile->readPage(pageFile->hdr.rootOffset, *root)) return;
+  if (!pageFile->ok || !readRoot(pageFile, &root)) return;
   lcid = pageFile->hdr.lcid;
   mapFlags = pageFile->hdr.mapFlags;
   spaceConversion = pageFile->hdr.spaceConversion;
@@ -105,13 +114,7 @@ BTree::BTree(const std::string& fileName_, int order, int keyLength, bool duplic
     reporterLL("Out of Memory", "BTree::BTree", eReportError, kModule, __LINE__);
     return;
   }
-  if (!pageFile->ok) return;
-  root = new (std::nothrow) BTreePage(0, 0);
-  if (root == nullptr) {
-    reporterLL("Out of Memory", "BTree::BTree", eReportError, kModule, __LINE__);
-    return;
-  }
-  if (!pageFile->readPage(pageFile->hdr.rootOffset, *root)) return;
+  if (!pageFile->ok || !readRoot(pageFile, &root)) return;
   ok = true;
 }
 
