@@ -13,14 +13,14 @@ echo "== g++ build and tests"
 run cmake -S . -B build/gcc -G Ninja -DCMAKE_CXX_COMPILER=g++ -DCMAKE_C_COMPILER=gcc \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 run cmake --build build/gcc -j "$jobs"
-run ctest --test-dir build/gcc --output-on-failure -j "$jobs" --timeout 600
+run ctest --test-dir build/gcc --output-on-failure -j "$jobs" --timeout 600 | tee build/gcc-ctest.log
 
 echo "== clang build with AddressSanitizer and UndefinedBehaviorSanitizer, and tests"
 run cmake -S . -B build/asan -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang \
   -DCMAKE_BUILD_TYPE=Debug -DLOWLEVEL_SANITIZE=ON -DLOWLEVEL_BUILD_BENCH=OFF >/dev/null
 run cmake --build build/asan -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  run ctest --test-dir build/asan --output-on-failure -j "$jobs" --timeout 900
+  run ctest --test-dir build/asan --output-on-failure -j "$jobs" --timeout 900 | tee build/asan-ctest.log
 
 echo "== every fuzzer for a minute, from the seed corpora and the kept findings"
 run ./scripts/fuzz.sh 60
@@ -29,3 +29,8 @@ echo "== a project that uses the library through add_subdirectory"
 run cmake -S tests/consumer -B build/consumer -G Ninja -DLOWLEVEL_DIR="$PWD" >/dev/null
 run cmake --build build/consumer -j "$jobs"
 run ./build/consumer/consumer
+
+# One closing line over both test runs (each run above stops the script on a failure).
+total=$(cat build/gcc-ctest.log build/asan-ctest.log | sed -n 's/.*tests passed, 0 tests failed out of \([0-9]*\).*/\1/p' |
+        awk '{ n += $1 } END { print n + 0 }')
+echo "tests: $total passed, 0 failed"
