@@ -55,6 +55,9 @@ class Store {
   virtual void beginBulk() {}
   virtual void endBulk() {}
   virtual void close() = 0;
+  // Writes what the store holds in its own cache to its files, outside the timed part, so that
+  // bytes on disk can be counted.
+  virtual void flushForSize() {}
 };
 
 class OurStore : public Store {
@@ -191,6 +194,7 @@ class BdbStore : public Store {
     DBT key = dbt(k.data(), kKeyBytes);
     return db_->del(db_, nullptr, &key, 0) == 0;
   }
+  void flushForSize() override { db_->sync(db_, 0); }
   void close() override {
     if (db_ != nullptr) db_->close(db_, 0);
     db_ = nullptr;
@@ -270,6 +274,7 @@ class LmdbStore : public Store {
     mdb_txn_commit(txn);
     return r == 0;
   }
+  void flushForSize() override { mdb_env_sync(env_, 1); }
   void close() override {
     if (env_ != nullptr) mdb_env_close(env_);
     env_ = nullptr;
@@ -324,6 +329,7 @@ void runStore(const std::string& name, int64_t n, const std::string& dir, FILE* 
   for (int64_t i = 0; i < n; ++i) order[static_cast<size_t>(i)] = static_cast<uint64_t>(i) * 2;  // even keys present
   std::mt19937_64 rng(42);
   // Bytes per entry are taken from `sizePath` (the file the workload writes to).
+  Store* sizing = nullptr;  // the store whose files are counted
   auto measureAt = [&](const std::string& sizePath, const char* workload, int64_t ops,
                        const std::function<void()>& body) {
     IoCounts before = readProcIo();
@@ -331,6 +337,7 @@ void runStore(const std::string& name, int64_t n, const std::string& dir, FILE* 
     body();
     double seconds = std::chrono::duration<double>(Clock::now() - t).count();
     IoCounts after = readProcIo();
+    if (sizing != nullptr) sizing->flushForSize();
     std::fprintf(out, "%s %lld %.6f %lld %lld\n", workload, static_cast<long long>(ops), seconds,
                  static_cast<long long>((after.syscr - before.syscr) + (after.syscw - before.syscw)),
                  static_cast<long long>(diskBytes(sizePath)));
@@ -343,6 +350,7 @@ void runStore(const std::string& name, int64_t n, const std::string& dir, FILE* 
     std::string seqPath = path + "-seq";
     fs::remove_all(seqPath);
     auto s = openStore(name, seqPath);
+    sizing = s.get();
     measureAt(seqPath, "fillseq", n, [&] {
       s->beginBulk();
       for (int64_t i = 0; i < n; ++i) s->put(makeKey(order[static_cast<size_t>(i)]), static_cast<int32_t>(i));
@@ -353,6 +361,7 @@ void runStore(const std::string& name, int64_t n, const std::string& dir, FILE* 
   }
   std::shuffle(order.begin(), order.end(), rng);
   auto s = openStore(name, path);
+  sizing = s.get();
   measure("fillrandom", n, [&] {
     s->beginBulk();
     for (int64_t i = 0; i < n; ++i) s->put(makeKey(order[static_cast<size_t>(i)]), static_cast<int32_t>(i));
