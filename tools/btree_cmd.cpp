@@ -459,12 +459,19 @@ Survey surveyTree(RawTree& raw, bool checkOrder) {
   return s;
 }
 
+// Opens `file` read-only twice: by its bytes and as a tree. 0, or the exit code after a message.
+int openBothViews(const std::string& file, RawTree* raw, std::unique_ptr<BTree>* tree) {
+  std::string error;
+  if (!raw->open(locate(file), 0, &error)) return fail(kExitIo, error);
+  *tree = openTree(file, true);
+  if (!*tree) return fail(kExitIo, "cannot open B-tree " + file);
+  return kExitOk;
+}
+
 int runInfo(ToolContext& ctx, const std::string& file) {
   RawTree raw;
-  std::string error;
-  if (!raw.open(locate(file), 0, &error)) return fail(kExitIo, error);
-  auto tree = openTree(file, true);
-  if (!tree) return fail(kExitIo, "cannot open B-tree " + file);
+  std::unique_ptr<BTree> tree;
+  if (int code = openBothViews(file, &raw, &tree)) return code;
   const RawHeader& h = raw.header();
   Survey s = surveyTree(raw, false);
   int32_t testKeys = 0, testPages = 0, backward = 0;
@@ -517,10 +524,8 @@ int runInfo(ToolContext& ctx, const std::string& file) {
 
 int runCheck(ToolContext& ctx, const std::string& file) {
   RawTree raw;
-  std::string error;
-  if (!raw.open(locate(file), 0, &error)) return fail(kExitIo, error);
-  auto tree = openTree(file, true);
-  if (!tree) return fail(kExitIo, "cannot open B-tree " + file);
+  std::unique_ptr<BTree> tree;
+  if (int code = openBothViews(file, &raw, &tree)) return code;
   int32_t testKeys = 0, testPages = 0, backward = 0;
   bool shapeOk = tree->test(true, &testKeys, &testPages, &backward);
   bool strictOk = tree->test(false, nullptr, nullptr, nullptr);
