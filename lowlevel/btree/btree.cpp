@@ -228,6 +228,9 @@ bool BTree::convertKey(const char* key, int length) {
 }
 
 void BTree::clearCurPage() {
+  // The page's arrays go back to the page file, so the next lookup builds its page without
+  // allocating.
+  if (curPage != nullptr && pageFile != nullptr) pageFile->recycle(*curPage);
   delete curPage;
   curPage = nullptr;
   curSteps = 0;

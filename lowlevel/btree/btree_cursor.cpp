@@ -29,6 +29,7 @@ struct Cursor {
   Cursor(BTreePageFile& f, BTreePage*& p, uint32_t& i) : file(f), page(p), index(i), budget(f) {}
 
   void drop() {
+    if (page != nullptr) file.recycle(*page);
     delete page;
     page = nullptr;
   }

@@ -10,14 +10,31 @@
 namespace {
 const char kModule[] = "btree";
 
-// Hands the page the search stopped on to `result`: a page read on the way is handed over whole,
-// the page the search started from is copied.
-void settle(const BTreePage* current, BTreePage& below, BTreePage& result) {
-  if (current == &below) {
-    result.swap(below);
-  } else {
-    result = *current;
+// The comparison of BTreePageKey::compare, for a slot of `width` bytes as it lies in a record.
+int compareSlot(const unsigned char* slot, uint32_t width, const BTreePageKey& key) {
+  const uint32_t n = width < key.size ? width : key.size;
+  if (n > 0) {
+    const int c = std::memcmp(slot, key.data, n);
+    if (c != 0) return c < 0 ? -1 : 1;
   }
+  if (width == key.size) return 0;
+  return width < key.size ? -1 : 1;
+}
+
+// The first of `count` keys that does not sort before the key sought, scanning from the left as
+// the search always has (on a page whose keys are out of order it gives what it gave before);
+// `equal` tells whether that key is the one sought.
+template <class Compare>
+uint32_t scan(uint32_t count, Compare compare, bool& equal) {
+  for (uint32_t i = 0; i < count; ++i) {
+    const int order = compare(i);
+    if (order >= 0) {
+      equal = order == 0;
+      return i;
+    }
+  }
+  equal = false;
+  return count;
 }
 
 // A new cursor page holding what `result` held (result is left a placeholder).
@@ -28,36 +45,36 @@ BTreePage* cursorPage(BTreePage& result) {
 }
 }  // namespace
 
-// Scans each page from the left and goes down one level per page read. A read that fails, or a
-// descent deeper than the file can hold (a corrupt link), reports and returns false with `result`
+// Goes down one level per page read. The pages passed through are looked at where they lie in the
+// page file's buffer; only the page the search ends on is built. A read that fails, or a descent
+// deeper than the file can hold (a corrupt link), reports and returns false with `result`
 // untouched; callers pass a placeholder and tell that case by it.
 bool BTree::Search(const BTreePage& page, const BTreePageKey& key, BTreePage& result,
                    uint32_t& index) {
-  BTreeWalkBudget budget(*pageFile);
-  BTreePage below(0, 0);
-  const BTreePage* current = &page;
-  for (;;) {
-    index = 0;
-    while (index < current->keyCount) {
-      int order = current->keys[index].compare(key);
-      if (order == 0) {
-        settle(current, below, result);
-        return true;
-      }
-      if (order > 0) break;
-      ++index;
-    }
-    int32_t child = current->children[index];
-    if (child == -1) {
-      settle(current, below, result);
-      return false;
-    }
-    if (!budget.step() || !pageFile->readPage(child, below)) {
-      reporterLL("Unable to read page.", "BTree::Search", eReportError, kModule, __LINE__);
-      return false;
-    }
-    current = &below;
+  bool equal = false;
+  index = scan(page.keyCount, [&](uint32_t i) { return page.keys[i].compare(key); }, equal);
+  int32_t child = page.children[index];
+  if (equal || child == -1) {
+    result = page;
+    return equal;
   }
+  BTreeWalkBudget budget(*pageFile);
+  const uint32_t width = static_cast<uint32_t>(pageFile->hdr.keyLength);
+  BTreeRecord record;
+  for (;;) {
+    if (!budget.step() || !pageFile->readRecord(child, record)) break;
+    index = scan(
+        record.keyCount,
+        [&](uint32_t i) { return compareSlot(record.keys + size_t{i} * width, width, key); },
+        equal);
+    child = record.child(index);
+    if (equal || child == -1) {
+      if (!pageFile->decodeRecord(record, result)) break;
+      return equal;
+    }
+  }
+  reporterLL("Unable to read page.", "BTree::Search", eReportError, kModule, __LINE__);
+  return false;
 }
 
 bool BTree::find(int32_t& value, const char* key, int length) {

@@ -47,12 +47,6 @@ unsigned char* BTreePageKey::resize(unsigned size_) {
   return data;
 }
 
-void BTreePageKey::clear() {
-  release();
-  length = 0;
-  size = 0;
-}
-
 BTreePageKey::BTreePageKey(unsigned size_, const void* key, unsigned length_)
     : data(nullptr), length(0), size(size_) {
   data = allocate(size ? size : 1);

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
 class BTreePageKey {
  public:
@@ -33,8 +34,22 @@ class BTreePageKey {
   // returns it, or null when it cannot be allocated (the key is then empty). The bytes are
   // undefined; `length` is set to `size`.
   unsigned char* resize(unsigned size);
+  // Makes this key a copy of the `size` bytes at `bytes` (length = size), reusing its buffer when
+  // the width is the same. False when no buffer can be had: the key is then empty.
+  bool assign(const unsigned char* bytes, unsigned size) {
+    if (data == nullptr || this->size != size || size == 0) {
+      if (resize(size) == nullptr) return false;
+    }
+    length = size;
+    std::memcpy(data, bytes, size);
+    return true;
+  }
   // Makes this the empty key.
-  void clear();
+  void clear() {
+    release();
+    length = 0;
+    size = 0;
+  }
 
   unsigned char* data;
   uint32_t length;  // key bytes given, after cutting; no decision rests on it
@@ -47,7 +62,7 @@ class BTreePageKey {
   static constexpr unsigned kSmallSize = 32;
   unsigned char* allocate(unsigned bytes);
   void release() {
-    if (data != small) std::free(data);
+    if (data != small && data != nullptr) std::free(data);
     data = nullptr;
   }
   unsigned char small[kSmallSize];

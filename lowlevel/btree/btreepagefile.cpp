@@ -245,6 +245,7 @@ BTreePageFile::~BTreePageFile() {
   std::free(keyBuffer);
   std::free(keyLengthTable);
   std::free(ioBuffer);
+  std::free(expandedKeys);
 }
 
 bool BTreePageFile::allocateKeyBuffer() {
@@ -307,77 +308,97 @@ BTreePage* BTreePageFile::scratchPage() {
 // Pages
 
 bool BTreePageFile::readPage(int32_t offset, BTreePage& page) {
+  BTreeRecord record;
+  return readRecord(offset, record) && decodeRecord(record, page);
+}
+
+bool BTreePageFile::readRecord(int32_t offset, BTreeRecord& record) {
   if (hdr.order < 2 || hdr.keyLength < 1 || keyBuffer == nullptr) return false;
   const int64_t position = static_cast<int64_t>(offset) + offsetStart;
   if (offset < 0 || position > INT32_MAX) return false;
   if (file.Seek(static_cast<int32_t>(position), 0) != position) return false;
+  return hdr.compressed != 0 ? readCompressedRecord(offset, record)
+                             : readUncompressedRecord(offset, record);
+}
 
+bool BTreePageFile::decodeRecord(const BTreeRecord& record, BTreePage& page) {
   BTreePage* scratch = scratchPage();
   if (scratch == nullptr) return false;
-  const bool done = hdr.compressed != 0 ? readCompressedRecord(offset, *scratch)
-                                        : readUncompressedRecord(offset, *scratch);
-  if (!done) return false;
+  scratch->offset = record.offset;
+  scratch->parentOffset = record.parentOffset;
+  scratch->keyCount = record.keyCount;
+  const uint32_t k = scratch->keyLength;
+  for (uint32_t i = 0; i < scratch->maxKeys; ++i) {
+    BTreePageKey& key = scratch->keys[i];
+    // Slots from keyCount on stay empty: what the file holds there is never looked at.
+    if (i >= record.keyCount) {
+      key.clear();
+    } else if (!key.assign(record.keys + static_cast<size_t>(i) * k, k)) {
+      reporterLL("Out of Memory", "BTreePageKey::BTreePageKey", eReportError, kModule, __LINE__);
+      return false;
+    } else if (hdr.compressed != 0) {
+      key.length = static_cast<uint32_t>(keyLengthTable[i]);  // what the record stores
+    }
+  }
+  for (uint32_t i = 0; i < scratch->maxKeys; ++i) scratch->values[i] = record.value(i);
+  for (uint32_t i = 0; i < scratch->order; ++i) scratch->children[i] = record.child(i);
   adoptPage(page, *scratch);
   return true;
 }
 
-// The whole record in one read, then cut into head, keys, values and children.
-bool BTreePageFile::readUncompressedRecord(int32_t offset, BTreePage& scratch) {
+void BTreePageFile::recycle(BTreePage& page) {
+  if (spare.isPlaceholder() && !page.isPlaceholder() &&
+      page.order == static_cast<uint32_t>(hdr.order) &&
+      page.keyLength == static_cast<uint32_t>(hdr.keyLength)) {
+    adoptPage(spare, page);
+  }
+}
+
+// The whole record in one read; its head is checked against what is asked and the header.
+bool BTreePageFile::readUncompressedRecord(int32_t offset, BTreeRecord& record) {
   const int64_t recordSize = btreeRecordSize(hdr.order, hdr.keyLength);
   if (recordSize <= 0) return false;
-  unsigned char* record = ioSpace(static_cast<size_t>(recordSize));
-  if (record == nullptr) return false;
-  if (file.Read(record, static_cast<int>(recordSize)) != recordSize) return false;
-  scratch.offset = get32(record);
-  scratch.parentOffset = get32(record + 4);
-  // maxKeys and minKeys of the record are not trusted: the arrays are sized by the header.
-  const uint32_t order = static_cast<uint32_t>(get32(record + 8));
-  scratch.keyCount = static_cast<uint32_t>(get32(record + 20));
-  const uint32_t keyLength = static_cast<uint32_t>(get32(record + 24));
-  if (order != scratch.order || keyLength != scratch.keyLength) return false;
-  if (scratch.offset != offset) return false;
-  if (scratch.keyCount > scratch.maxKeys) return false;
-
-  const uint32_t k = scratch.keyLength;
-  const unsigned char* p = record + kBTreePageHeadSize;
-  for (uint32_t i = 0; i < scratch.maxKeys; ++i, p += k) {
-    BTreePageKey& key = scratch.keys[i];
-    // Slots from keyCount on stay empty: what the file holds there is never looked at.
-    if (i >= scratch.keyCount) {
-      key.clear();
-      continue;
-    }
-    unsigned char* bytes = key.resize(k);
-    if (bytes == nullptr) {
-      reporterLL("Out of Memory", "BTreePageKey::BTreePageKey", eReportError, kModule, __LINE__);
-      return false;
-    }
-    std::memcpy(bytes, p, k);
+  unsigned char* bytes = ioSpace(static_cast<size_t>(recordSize));
+  if (bytes == nullptr) return false;
+  if (file.Read(bytes, static_cast<int>(recordSize)) != recordSize) return false;
+  // maxKeys and minKeys of the record are not trusted: the page is shaped by the header.
+  const uint32_t order = static_cast<uint32_t>(hdr.order);
+  const uint32_t keyCount = static_cast<uint32_t>(get32(bytes + 20));
+  if (static_cast<uint32_t>(get32(bytes + 8)) != order ||
+      get32(bytes + 24) != hdr.keyLength || get32(bytes) != offset || keyCount > order - 1) {
+    return false;
   }
-  for (uint32_t i = 0; i < scratch.maxKeys; ++i, p += 4) scratch.values[i] = get32(p);
-  for (uint32_t i = 0; i < scratch.order; ++i, p += 4) scratch.children[i] = get32(p);
+  record.offset = offset;
+  record.parentOffset = get32(bytes + 4);
+  record.keyCount = keyCount;
+  record.keys = bytes + kBTreePageHeadSize;
+  record.values = record.keys + static_cast<size_t>(order - 1) * static_cast<size_t>(hdr.keyLength);
+  record.children = record.values + 4 * static_cast<size_t>(order - 1);
   return true;
 }
 
 // Two reads: the head with the key length table, then keys, values and children, whose size the
-// table tells. Nothing behind the record is read.
-bool BTreePageFile::readCompressedRecord(int32_t offset, BTreePage& scratch) {
+// table tells. Nothing behind the record is read. The stored keys are expanded to full slots:
+// padded with zero bytes and, with duplicates, ended by the value big-endian.
+bool BTreePageFile::readCompressedRecord(int32_t offset, BTreeRecord& record) {
   if (!ensureKeyLengthTable()) return false;
-  const size_t valueBytes = 4 * static_cast<size_t>(scratch.maxKeys);
-  const size_t childBytes = 4 * static_cast<size_t>(scratch.order);
+  const uint32_t maxKeys = static_cast<uint32_t>(hdr.order) - 1;
+  const size_t valueBytes = 4 * static_cast<size_t>(maxKeys);
+  const size_t childBytes = 4 * static_cast<size_t>(hdr.order);
   const size_t headBytes = kBTreeCompressedPageHeadSize + static_cast<size_t>(keyLengthTableSize);
   const size_t most = headBytes + static_cast<size_t>(keyBufferSize) + valueBytes + childBytes;
   if (most > INT32_MAX) return false;
-  unsigned char* record = ioSpace(most);
-  if (record == nullptr) return false;
-  if (file.Read(record, static_cast<int>(headBytes)) != static_cast<int>(headBytes)) return false;
-  scratch.offset = get32(record);
-  scratch.parentOffset = get32(record + 4);
-  scratch.keyCount = static_cast<uint32_t>(get32(record + 8));
-  if (scratch.offset != offset) return false;
-  if (scratch.keyCount > scratch.maxKeys) return false;
+  unsigned char* bytes = ioSpace(most);
+  if (bytes == nullptr) return false;
+  if (expandedKeys == nullptr) {
+    expandedKeys = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(keyBufferSize) + 1));
+    if (expandedKeys == nullptr) return false;
+  }
+  if (file.Read(bytes, static_cast<int>(headBytes)) != static_cast<int>(headBytes)) return false;
+  const uint32_t keyCount = static_cast<uint32_t>(get32(bytes + 8));
+  if (get32(bytes) != offset || keyCount > maxKeys) return false;
 
-  const unsigned char* raw = record + kBTreeCompressedPageHeadSize;
+  const unsigned char* raw = bytes + kBTreeCompressedPageHeadSize;
   const uint32_t slots = static_cast<uint32_t>(keyLengthTableSize / 2);
   const int32_t keyRoom = hdr.keyLength - (hdr.duplicates != 0 ? 4 : 0);
   int64_t total = 0;
@@ -387,29 +408,34 @@ bool BTreePageFile::readCompressedRecord(int32_t offset, BTreePage& scratch) {
     // A used key stores at least one byte (0 would read as a terminated text); no key stores
     // more than its slot holds.
     if (entry < 0 || entry > keyRoom) return false;
-    if (i < scratch.keyCount && entry == 0) return false;
+    if (i < keyCount && entry == 0) return false;
     total += entry;
   }
   if (total > keyBufferSize) return false;
   const size_t rest = static_cast<size_t>(total) + valueBytes + childBytes;
-  unsigned char* body = record + headBytes;
+  unsigned char* body = bytes + headBytes;
   if (file.Read(body, static_cast<int>(rest)) != static_cast<int>(rest)) return false;
-  const unsigned char* values = body + total;
-  for (uint32_t i = 0; i < scratch.maxKeys; ++i) scratch.values[i] = get32(values + 4 * size_t{i});
-  const unsigned char* children = values + valueBytes;
-  for (uint32_t i = 0; i < scratch.order; ++i) scratch.children[i] = get32(children + 4 * size_t{i});
 
-  const unsigned k = static_cast<unsigned>(hdr.keyLength);
+  record.offset = offset;
+  record.parentOffset = get32(bytes + 4);
+  record.keyCount = keyCount;
+  record.keys = expandedKeys;
+  record.values = body + total;
+  record.children = record.values + valueBytes;
+  const size_t k = static_cast<size_t>(hdr.keyLength);
   size_t p = 0;
-  for (uint32_t i = 0; i < scratch.maxKeys; ++i) {
-    if (i >= scratch.keyCount || i >= slots) {
-      scratch.keys[i].clear();
-      continue;
+  for (uint32_t i = 0; i < keyCount && i < slots; ++i) {
+    const size_t n = static_cast<size_t>(keyLengthTable[i]);
+    unsigned char* slot = expandedKeys + i * k;
+    std::memcpy(slot, body + p, n);
+    std::memset(slot + n, 0, k - n);
+    if (hdr.duplicates != 0) {
+      const uint32_t v = static_cast<uint32_t>(record.value(i));
+      slot[k - 4] = static_cast<unsigned char>(v >> 24);
+      slot[k - 3] = static_cast<unsigned char>(v >> 16);
+      slot[k - 2] = static_cast<unsigned char>(v >> 8);
+      slot[k - 1] = static_cast<unsigned char>(v);
     }
-    const unsigned n = static_cast<unsigned>(keyLengthTable[i]);
-    scratch.keys[i] = hdr.duplicates != 0 ? BTreePageKey(k, body + p, n, scratch.values[i])
-                                          : BTreePageKey(k, body + p, n);
-    if (scratch.keys[i].data == nullptr) return false;
     p += n;
   }
   return true;

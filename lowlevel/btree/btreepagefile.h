@@ -47,6 +47,27 @@ struct BTreePageFileHdr {
 // not fit a signed 32-bit number (or order < 1 or keyLength < 0).
 int64_t btreeRecordSize(int64_t order, int64_t keyLength);
 
+// A page record as it lies in the page file's buffers after readRecord, checked as readPage checks
+// it. `keys` holds maxKeys slots of the header's key width one behind the other (a compressed
+// record's keys are expanded to full slots); `values` and `children` point at the record's
+// little-endian numbers. Valid until the next call of the page file.
+struct BTreeRecord {
+  int32_t offset = -1;
+  int32_t parentOffset = -1;
+  uint32_t keyCount = 0;
+  const unsigned char* keys = nullptr;
+  const unsigned char* values = nullptr;
+  const unsigned char* children = nullptr;
+
+  int32_t value(uint32_t i) const { return load32(values + 4 * static_cast<size_t>(i)); }
+  int32_t child(uint32_t i) const { return load32(children + 4 * static_cast<size_t>(i)); }
+  static int32_t load32(const unsigned char* in) {
+    return static_cast<int32_t>(static_cast<uint32_t>(in[0]) | (static_cast<uint32_t>(in[1]) << 8) |
+                                (static_cast<uint32_t>(in[2]) << 16) |
+                                (static_cast<uint32_t>(in[3]) << 24));
+  }
+};
+
 class BTreePageFile {
  public:
   // Opens an existing file at `offset` inside it (only a read-only file may have one). Failures are
@@ -72,6 +93,15 @@ class BTreePageFile {
   // wider than the slot, or 0 for a used key. The record's maxKeys and minKeys are not trusted: the
   // page is built from the header.
   bool readPage(int32_t offset, BTreePage& page);
+  // The same read and the same checks as readPage, without building a page: a search that only
+  // passes through a page looks at the record where it lies. On false `record` is unchanged.
+  bool readRecord(int32_t offset, BTreeRecord& record);
+  // Builds `page` from the record that the last readRecord gave (no I/O). On false (no memory)
+  // `page` is unchanged.
+  bool decodeRecord(const BTreeRecord& record, BTreePage& page);
+  // Takes the arrays of a page that is no longer needed, to fill the next read without allocating.
+  // `page` is left a placeholder.
+  void recycle(BTreePage& page);
   // Writes `page`; a page with offset -1 gets a place (the head of the free chain, else the end of
   // the file). With isRoot, hdr.rootOffset becomes its offset. Rewrites the header afterwards.
   // Refuses a page of another shape, a keyCount above maxKeys, an offset inside the header, and a
@@ -106,14 +136,15 @@ class BTreePageFile {
   int keyLengthTableSize;
 
  private:
-  bool readUncompressedRecord(int32_t offset, BTreePage& scratch);
-  bool readCompressedRecord(int32_t offset, BTreePage& scratch);
+  bool readUncompressedRecord(int32_t offset, BTreeRecord& record);
+  bool readCompressedRecord(int32_t offset, BTreeRecord& record);
   unsigned char* ioSpace(size_t bytes);
   BTreePage* scratchPage();
   bool allocateKeyBuffer();
 
   unsigned char* ioBuffer = nullptr;  // a whole record going to or coming from the file
   size_t ioBufferSize = 0;
+  unsigned char* expandedKeys = nullptr;  // a compressed record's keys as full slots
   BTreePage spare{0, 0};  // the scratch page of the next read, kept to be reused
 };
 
