@@ -102,6 +102,7 @@ bool BTree::replaceValue(int32_t value, const char* key, int length) {
   }
   BTreePageKey slot(root->keyLength, key, static_cast<unsigned>(length));
   BTreePage page(0, 0);
+  BTreePageRecycler recycler(*pageFile, page);
   uint32_t index = 0;
   if (!Search(*root, slot, page, index) || page.isPlaceholder() || index >= page.keyCount) {
     return false;
@@ -115,6 +116,7 @@ bool BTree::replaceValue(int32_t value, const char* key, int length) {
 bool BTree::internalDeleteKey(BTreePageKey& key) {
   clearCurPage();
   BTreePage page(0, 0);
+  BTreePageRecycler recycler(*pageFile, page);
   uint32_t index = 0;
   if (!Search(*root, key, page, index) || page.isPlaceholder() || index >= page.keyCount) {
     return false;

@@ -72,6 +72,7 @@ bool BTree::insertKey(int32_t value, const char* key, int length) {
     if (!promoted) return false;
   }
   pageFile->keyCount += 1;
+  pageFile->recycle(page);  // its arrays take in the root read next
   return pageFile->readPage(pageFile->hdr.rootOffset, *root);
 }
 

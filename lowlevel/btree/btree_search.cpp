@@ -10,12 +10,30 @@
 namespace {
 const char kModule[] = "btree";
 
-// The comparison of BTreePageKey::compare, for a slot of `width` bytes as it lies in a record.
-int compareSlot(const unsigned char* slot, uint32_t width, const BTreePageKey& key) {
+// Eight bytes as a number whose order is the bytes' unsigned order.
+inline uint64_t bigEndianWord(const unsigned char* p) {
+  uint64_t word;
+  std::memcpy(&word, p, sizeof word);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  word = __builtin_bswap64(word);
+#endif
+  return word;
+}
+
+// The comparison of BTreePageKey::compare (unsigned bytes, then the shorter first), for a slot of
+// `width` bytes as it lies in a record. Eight bytes at a time: a search compares many keys, and a
+// call of memcmp for each costs more than the comparison itself.
+inline int compareSlot(const unsigned char* slot, uint32_t width, const BTreePageKey& key) {
   const uint32_t n = width < key.size ? width : key.size;
-  if (n > 0) {
-    const int c = std::memcmp(slot, key.data, n);
-    if (c != 0) return c < 0 ? -1 : 1;
+  const unsigned char* other = key.data;
+  uint32_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    const uint64_t a = bigEndianWord(slot + i);
+    const uint64_t b = bigEndianWord(other + i);
+    if (a != b) return a < b ? -1 : 1;
+  }
+  for (; i < n; ++i) {
+    if (slot[i] != other[i]) return slot[i] < other[i] ? -1 : 1;
   }
   if (width == key.size) return 0;
   return width < key.size ? -1 : 1;

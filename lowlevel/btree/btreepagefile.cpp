@@ -354,6 +354,8 @@ void BTreePageFile::recycle(BTreePage& page) {
   }
 }
 
+BTreePageRecycler::~BTreePageRecycler() { file_.recycle(page_); }
+
 // The whole record in one read; its head is checked against what is asked and the header.
 bool BTreePageFile::readUncompressedRecord(int32_t offset, BTreeRecord& record) {
   const int64_t recordSize = btreeRecordSize(hdr.order, hdr.keyLength);

@@ -68,6 +68,21 @@ struct BTreeRecord {
   }
 };
 
+class BTreePageFile;
+
+// Hands a local page back to the page file (BTreePageFile::recycle) when it goes out of scope.
+class BTreePageRecycler {
+ public:
+  BTreePageRecycler(BTreePageFile& file, BTreePage& page) : file_(file), page_(page) {}
+  ~BTreePageRecycler();
+  BTreePageRecycler(const BTreePageRecycler&) = delete;
+  BTreePageRecycler& operator=(const BTreePageRecycler&) = delete;
+
+ private:
+  BTreePageFile& file_;
+  BTreePage& page_;
+};
+
 class BTreePageFile {
  public:
   // Opens an existing file at `offset` inside it (only a read-only file may have one). Failures are

@@ -32,6 +32,9 @@ void putInt16(std::vector<unsigned char>& out, int16_t v) {
 // Slots are measured by their key's data, so that an empty slot stores nothing. A used slot beyond
 // keyCount (which a sound page never has) still gets its bytes written, so the record's table and
 // its key bytes always agree and the record reads back.
+//
+// The record goes out in one write. A page that cannot be stored (a key of another width, a key of
+// zero bytes) leaves only the record's head written, and false.
 bool BTreePageFile::WriteCompressed(BTreePage& page) {
   if (page.isPlaceholder() || hdr.order < 1 || static_cast<int64_t>(page.order) != hdr.order ||
       static_cast<int64_t>(page.keyLength) != hdr.keyLength || page.maxKeys != page.order - 1 ||
@@ -46,15 +49,19 @@ bool BTreePageFile::WriteCompressed(BTreePage& page) {
   if (page.offset < 0 || file.Seek(page.offset, 0) != page.offset) return false;
 
   std::vector<unsigned char> bytes;
-  bytes.reserve(kBTreeCompressedPageHeadSize);
+  bytes.reserve(kBTreeCompressedPageHeadSize + static_cast<size_t>(keyLengthTableSize) +
+                static_cast<size_t>(keyBufferSize) + 8 * static_cast<size_t>(page.order));
   putInt32(bytes, page.offset);
   putInt32(bytes, page.parentOffset);
   putInt32(bytes, static_cast<int32_t>(page.keyCount));
-  if (file.Write(bytes.data(), kBTreeCompressedPageHeadSize) != kBTreeCompressedPageHeadSize) {
+  auto headOnly = [&]() {
+    return file.Write(bytes.data(), kBTreeCompressedPageHeadSize) == kBTreeCompressedPageHeadSize;
+  };
+
+  if (!ensureKeyLengthTable()) {
+    headOnly();
     return false;
   }
-
-  if (!ensureKeyLengthTable()) return false;
   const int64_t width = hdr.duplicates != 0 ? int64_t{hdr.keyLength} - 4 : hdr.keyLength;
   for (uint32_t i = 0; i < page.maxKeys; ++i) {
     const BTreePageKey& key = page.keys[i];
@@ -62,36 +69,32 @@ bool BTreePageFile::WriteCompressed(BTreePage& page) {
       keyLengthTable[i] = 0;
       continue;
     }
-    if (static_cast<int64_t>(key.size) != hdr.keyLength || width > INT16_MAX) return false;
+    if (static_cast<int64_t>(key.size) != hdr.keyLength || width > INT16_MAX) {
+      headOnly();
+      return false;
+    }
     int64_t stored = width;
     while (stored > 0 && key.data[stored - 1] == 0) --stored;
     if (stored <= 0) {
-      reporterLL("zero length string", "BTreePageFile::WriteCompressed", eReportError, kModule,
-                 __LINE__);
+      if (headOnly()) {
+        reporterLL("zero length string", "BTreePageFile::WriteCompressed", eReportError, kModule,
+                   __LINE__);
+      }
       return false;
     }
     keyLengthTable[i] = static_cast<int16_t>(stored);
   }
 
-  bytes.clear();
   for (uint32_t i = 0; i < page.maxKeys; ++i) putInt16(bytes, keyLengthTable[i]);
-  bytes.resize(static_cast<size_t>(keyLengthTableSize), 0);
-  if (file.Write(bytes.data(), keyLengthTableSize) != keyLengthTableSize) return false;
-
+  bytes.resize(kBTreeCompressedPageHeadSize + static_cast<size_t>(keyLengthTableSize), 0);
   for (uint32_t i = 0; i < page.maxKeys; ++i) {
-    int length = keyLengthTable[i];
-    if (length == 0) continue;
-    if (file.Write(page.keys[i].data, length) != length) return false;
+    const int16_t length = keyLengthTable[i];
+    if (length > 0) bytes.insert(bytes.end(), page.keys[i].data, page.keys[i].data + length);
   }
-
-  bytes.clear();
   for (uint32_t i = 0; i < page.maxKeys; ++i) putInt32(bytes, page.values[i]);
-  int valueBytes = static_cast<int>(bytes.size());
-  if (file.Write(bytes.data(), valueBytes) != valueBytes) return false;
-  bytes.clear();
   for (uint32_t i = 0; i < page.order; ++i) putInt32(bytes, page.children[i]);
-  int childBytes = static_cast<int>(bytes.size());
-  if (file.Write(bytes.data(), childBytes) != childBytes) return false;
+  const int total = static_cast<int>(bytes.size());
+  if (file.Write(bytes.data(), total) != total) return false;
 
   int32_t position = file.Position();
   if (position < 0) return false;
