@@ -94,6 +94,17 @@ TEST(BTreeTools, StoredKeyLengthsAndDuplicates) {
             (std::vector<Entry>{{std::string("q") + std::string(19, '\0'), 3},
                                 {std::string("q") + std::string(19, '\0'), 5},
                                 {full, -1}}));
+  // A traversal hands out the stored length of each key, where an uncompressed tree gives the
+  // slot width.
+  static std::vector<int> lengths;
+  lengths.clear();
+  auto record = [](int32_t, const char*, int length) { lengths.push_back(length); };
+  ASSERT_TRUE(tree.inOrder(record));
+  EXPECT_EQ(lengths, (std::vector<int>{1, 1, 20}));
+  BTree source(src, true, 0);
+  lengths.clear();
+  ASSERT_TRUE(source.inOrder(record));
+  EXPECT_EQ(lengths, (std::vector<int>{24, 24, 24}));
 }
 
 TEST(BTreeTools, RefusalsAndTheirReports) {
