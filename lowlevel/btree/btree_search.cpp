@@ -70,7 +70,9 @@ BTreePage* cursorPage(BTreePage& result) {
 bool BTree::Search(const BTreePage& page, const BTreePageKey& key, BTreePage& result,
                    uint32_t& index) {
   bool equal = false;
-  index = scan(page.keyCount, [&](uint32_t i) { return page.keys[i].compare(key); }, equal);
+  index = scan(
+      page.keyCount,
+      [&](uint32_t i) { return compareSlot(page.keys[i].data, page.keys[i].size, key); }, equal);
   int32_t child = page.children[index];
   if (equal || child == -1) {
     result = page;

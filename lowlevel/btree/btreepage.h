@@ -41,7 +41,10 @@ class BTreePageKey {
       if (resize(size) == nullptr) return false;
     }
     length = size;
-    std::memcpy(data, bytes, size);
+    // Keys are short and of one width per tree: eight bytes at a time beats a call of memcpy.
+    unsigned i = 0;
+    for (; i + 8 <= size; i += 8) std::memcpy(data + i, bytes + i, 8);
+    for (; i < size; ++i) data[i] = bytes[i];
     return true;
   }
   // Makes this the empty key.
