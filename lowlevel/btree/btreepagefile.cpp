@@ -27,11 +27,7 @@ void put16(unsigned char* out, int16_t value) {
   out[1] = static_cast<unsigned char>(v >> 8);
 }
 
-int32_t get32(const unsigned char* in) {
-  return static_cast<int32_t>(static_cast<uint32_t>(in[0]) | (static_cast<uint32_t>(in[1]) << 8) |
-                              (static_cast<uint32_t>(in[2]) << 16) |
-                              (static_cast<uint32_t>(in[3]) << 24));
-}
+int32_t get32(const unsigned char* in) { return BTreeRecord::load32(in); }
 
 int16_t get16(const unsigned char* in) {
   return static_cast<int16_t>(static_cast<uint16_t>(in[0] | (in[1] << 8)));
