@@ -9,7 +9,9 @@ until the first failure. A mutant is `killed` (a test failed, crashed or timed o
 (every test passed), `nocompile` (the build failed; not counted in the score) or `skipped` (the
 source line changed since the base commit).
 
-Run it through scripts/mutate.sh; `--help` lists the options.
+The run works on a copy of the working tree in BUILD_DIR/src (the real tree is never mutated, and
+editing it during a run changes nothing), built in BUILD_DIR/obj. Run it through scripts/mutate.sh;
+`--help` lists the options.
 """
 import argparse
 import hashlib
@@ -200,6 +202,26 @@ def test_targets(root, d):
     return sorted(f[:-4] for f in os.listdir(os.path.join(root, d)) if f.endswith("_test.cpp"))
 
 
+def snapshot(repo, dest):
+    """Copies the working tree (tracked and untracked files, not ignored ones) to `dest`, so that
+    the mutants never touch the real tree and edits made during a run do not reach it. Files that
+    did not change keep their time stamps, so the build stays incremental."""
+    import shutil
+    files = git(repo, "ls-files", "-co", "--exclude-standard", "-z").split("\0")
+    for f in files:
+        if not f or not os.path.isfile(os.path.join(repo, f)):
+            continue
+        src, dst = os.path.join(repo, f), os.path.join(dest, f)
+        with open(src, "rb") as a:
+            data = a.read()
+        if os.path.exists(dst):
+            with open(dst, "rb") as b:
+                if b.read() == data:
+                    continue
+        os.makedirs(os.path.dirname(dst), exist_ok=True)
+        shutil.copy2(src, dst)
+
+
 def configure(root, build):
     launcher = os.path.join(root, "scripts", "mutate_cc.sh")
     if os.path.exists(os.path.join(build, "build.ninja")):
@@ -292,8 +314,8 @@ def main():
     ap.add_argument("--resume", action="store_true", help="keep the results already in --out")
     args = ap.parse_args()
 
-    root = os.path.abspath(git(os.getcwd(), "rev-parse", "--show-toplevel").strip())
-    allm, picked = sample(root, args.seed, args.count)
+    repo = os.path.abspath(git(os.getcwd(), "rev-parse", "--show-toplevel").strip())
+    allm, picked = sample(repo, args.seed, args.count)
     dirs = [d.rstrip("/") for d in args.dirs]
     for d in dirs:
         if d not in SOURCE_DIRS:
@@ -306,10 +328,13 @@ def main():
             print(m["id"], describe(m))
         return 0
 
-    build_dir = os.path.abspath(os.path.join(root, args.build_dir))
-    out = args.out or os.path.join(build_dir, "results.txt")
+    build_dir = os.path.abspath(os.path.join(repo, args.build_dir))
+    out = os.path.abspath(args.out or os.path.join(build_dir, "results.txt"))
+    root = os.path.join(build_dir, "src")
     os.makedirs(build_dir, exist_ok=True)
-    configure(root, build_dir)
+    snapshot(repo, root)
+    configure(root, os.path.join(build_dir, "obj"))
+    build_dir = os.path.join(build_dir, "obj")
 
     done = {}
     if args.resume and os.path.exists(out):
@@ -346,7 +371,7 @@ def main():
             if m["id"] in done:
                 continue
             path = os.path.join(root, m["file"])
-            base = git(root, "show", BASE_COMMIT + ":" + m["file"]).split("\n")
+            base = git(repo, "show", BASE_COMMIT + ":" + m["file"]).split("\n")
             m["orig_line"] = base[m["line"] - 1]
             t0 = time.time()
             try:
