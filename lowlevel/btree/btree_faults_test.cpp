@@ -134,6 +134,19 @@ const std::vector<Operation>& operations() {
          });
        },
        false},
+      {"create",
+       [](const std::string&, const std::string& target, Model& model) {
+         BTree tree(target, 3, kWidth, false, 0, 0, 0);
+         bool ok = tree.isOk();
+         model.clear();
+         for (int i : {5, 6, 7}) {
+           model[keyOf(i)] = i;
+           ok = ok && tree.insertKey(i, keyOf(i).data(), kWidth);
+         }
+         gFaultsBeforeClose = gFaults->failures;
+         return ok;
+       },
+       true},
       {"compressBTree",
        [](const std::string& path, const std::string& target, Model&) {
          return compressBTree(path, target);
@@ -250,6 +263,34 @@ TEST_P(Faults, EveryCallOfEveryWritingOperation) {
         }
       }
       EXPECT_GT(k, 3) << op.name;
+    }
+  }
+}
+
+// Reading under a failing call: opening is refused, or the walks hand out a prefix of the entries
+// in order and answer false where they stop.
+TEST_P(Faults, ReadsStopCleanly) {
+  build(GetParam());
+  static Model* seen;
+  Model inOrder;
+  seen = &inOrder;
+  for (int k = 1, failures = 1; failures > 0; ++k) {
+    SCOPED_TRACE(k);
+    lltest::FaultInjector faults;
+    faults.failAt = {k};
+    BTree tree(source_, true, 0);
+    bool ended = false;
+    const Model forward = tree.isOk() ? walk(tree, 1000, &ended) : Model();
+    inOrder.clear();
+    const bool whole = tree.isOk() && tree.inOrder([](int32_t v, const char* key, int length) {
+      (*seen)[std::string(key, static_cast<size_t>(length))] = v;
+    });
+    failures = faults.failures;
+    for (const Model* m : std::vector<const Model*>{&forward, &inOrder})
+      EXPECT_TRUE(std::equal(m->begin(), m->end(), model_.begin())) << "not a prefix";
+    EXPECT_EQ(whole, inOrder.size() == model_.size());
+    if (failures == 0) {
+      EXPECT_TRUE(whole && forward == model_);
     }
   }
 }
