@@ -350,6 +350,8 @@ TEST_F(CorruptTest, ChildLinkToItselfOrToAnAncestorCannotMakeAWalkLoop) {
     int32_t keys = 0, pages = 0;
     EXPECT_FALSE(tree.test(false, &keys, &pages, nullptr));  // a leaf with a child is malformed
     EXPECT_EQ(pages, 2);
+    EXPECT_FALSE(tree.test(true, &keys, &pages, nullptr));
+    EXPECT_EQ(pages, 65);  // the walk stops after 64 free steps, as the file is short
   }
 }
 
