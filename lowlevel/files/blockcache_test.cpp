@@ -22,7 +22,8 @@ TEST(BlockCache, MatchesALeastRecentlyUsedList) {
     std::vector<std::pair<int32_t, int>> model;  // least recently used first
     for (int step = 0; step < 40; ++step) {
       const int32_t key = static_cast<int32_t>(rng() % 9) * 100 - 300;  // -300 .. 500
-      auto it = std::find_if(model.begin(), model.end(), [&](const auto& e) { return e.first == key; });
+      auto it = model.begin();
+      while (it != model.end() && it->first != key) ++it;
       const int op = static_cast<int>(rng() % 8);
       if (op < 4) {  // get
         int* value = cache.get(key);
@@ -42,7 +43,7 @@ TEST(BlockCache, MatchesALeastRecentlyUsedList) {
       }
       int* old = cache.getOld();  // only once full; changes nothing
       const bool full = static_cast<int>(model.size()) == size;
-      ASSERT_EQ(full ? model.front().second : -1, old != nullptr ? *old : -1) << script << " " << step;
+      ASSERT_EQ(full ? model.front().second : -1, old != nullptr ? *old : -1) << script << step;
     }
   }
 }

@@ -25,11 +25,12 @@ TEST(LogicalPaths, PrefixesResolveInAnyCaseOthersPassUnchanged) {
       {"cd:Data\\File.Bin", "D:\\Data\\File.Bin"}, {"CD:", "D:\\"},
       {"C1:\\a", "E:\\one\\a"},  // the doubled separator at the join repaired
       {"c2:b", "F:\\two\\b"}, {"c10:\\z", "J:\\ten\\z"},  // volume 10, not c1: with "0:..."
-      {"c12:x", "/v12/x"}, {"Ed:Prog", "X:\\exe\\Prog"}, {"iD:lib", "X:\\instlib"}, {"UD:", "X:\\upd\\"}};
+      {"c12:x", "/v12/x"}, {"Ed:Prog", "X:\\exe\\Prog"}, {"iD:lib", "X:\\instlib"},
+      {"UD:", "X:\\upd\\"}};
   for (const auto& c : cases) EXPECT_EQ(std::string("true|") + c[1], resolve(c[0])) << c[0];
   // No prefix: numbers out of range, leading zeros, other shapes.
-  for (std::string p : {"c13:f", "C:\\d\\f", "c0:x", "c01:x", "c:x", "c1x", "c", "", "xd:f", " cd:f",
-                        "c-1:f", "c99999999999999999999:f"}) {
+  for (std::string p : {"c13:f", "C:\\d\\f", "c0:x", "c01:x", "c:x", "c1x", "c", "", "xd:f",
+                        " cd:f", "c-1:f", "c99999999999999999999:f"}) {
     EXPECT_EQ("true|" + p, resolve(p));
   }
   EXPECT_EQ("1 0 1,1 0 1,2 0 1,3 0 1,11 0 1,13 0 1", lltest::cdPathCallsText(host));
