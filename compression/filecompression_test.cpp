@@ -49,11 +49,7 @@ Entry entry(const std::string& data) {
   return {zframe(data), static_cast<uint32_t>(data.size()), static_cast<uint32_t>(XXH64(data.data(), data.size(), 0))};
 }
 
-std::string pattern(size_t n, unsigned seed) {
-  std::string s(n, '\0');
-  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 7 + seed) % 251 ^ (i >> 9));
-  return s;
-}
+std::string pattern(size_t n, unsigned seed) { return lltest::randomBytes(n, seed); }
 
 // Expands the chunk at `offset` into a buffer of `capacity` bytes filled with '#' (none when 0):
 // "ok" or "fail", the length given back, and the whole buffer.

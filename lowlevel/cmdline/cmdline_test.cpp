@@ -1,96 +1,193 @@
+// ZCmdLine: the grammar and its report as a table, edits and lookups against a model (a list of
+// entries and the exact text they must give), and the states that decide when a line is scanned.
 #include "lowlevel/cmdline/cmdline.h"
 
 #include <gtest/gtest.h>
 
-#include "lowlevel/cmdline/cmdline_testutil.h"
+#include <algorithm>
+#include <random>
+
 #include "tests/testsupport/testing.h"
 
 namespace {
 
-using cmdtest::Entries;
-using cmdtest::Parse;
-
-TEST(CmdLineGrammar, EntriesOfEachText) {
-  const struct { const char* text; char separator; Entries entries; } cases[] = {
-      // Blanks separate and nothing else does.
-      {"", '=', {}}, {"    ", '=', {}}, {"a b", '=', {{"a", ""}, {"b", ""}}},
-      {"  a   b  ", '=', {{"a", ""}, {"b", ""}}}, {"a\tb=c\td", '=', {{"a\tb", "c\td"}}},
-      // Bare names and values; delimiters count only as the first character.
-      {"a=1 b=2", '=', {{"a", "1"}, {"b", "2"}}}, {"a=b=c", '=', {{"a", "b=c"}}},
-      {"a =b", '=', {{"a", ""}, {"", "b"}}}, {"a= b", '=', {{"a", ""}, {"b", ""}}},
-      {"a=", '=', {{"a", ""}}}, {"=x", '=', {{"", "x"}}}, {"=", '=', {{"", ""}}},
-      {"a\"b c\"", '=', {{"a\"b", ""}, {"c\"", ""}}},
-      {"x=a{b c}", '=', {{"x", "a{b"}, {"c}", ""}}}, {"}]> x=>", '=', {{"}]>", ""}, {"x", ">"}}},
-      // Delimited names and values.
-      {"\"a b\"=c", '=', {{"a b", "c"}}}, {"\"a=b\"", '=', {{"a=b", ""}}},
-      {"a=\"b c\" d", '=', {{"a", "b c"}, {"d", ""}}},
-      {"<a b>=[c d] e=<>", '=', {{"a b", "c d"}, {"e", ""}}},
-      {"\"\" x", '=', {{"", ""}, {"x", ""}}},
-      // The same pair nests, other pairs and quotes do not.
-      {"a={b {c} d}", '=', {{"a", "b {c} d"}}}, {"a={b \"c} d", '=', {{"a", "b \"c"}, {"d", ""}}},
-      {"[a[b]c]=1", '=', {{"a[b]c", "1"}}}, {"<a<b>>=<x[>", '=', {{"a<b>", "x["}}},
-      {"\"a\"b\"", '=', {{"a", ""}, {"b\"", ""}}},
-      // A closer ends the item and what follows is read afresh.
-      {"a=\"b\"c", '=', {{"a", "b"}, {"c", ""}}}, {"{a}x=1", '=', {{"a", ""}, {"x", "1"}}},
-      {"{a}={b}{c}", '=', {{"a", "b"}, {"c", ""}}},
-      // Separators; code 0 is refused and the separator stays "=".
-      {"a b", ' ', {{"a", "b"}}}, {"a  b", ' ', {{"a", ""}, {"b", ""}}},
-      {"a:b=c", ':', {{"a", "b=c"}}}, {"a=b", ':', {{"a=b", ""}}},
-      {"a={x} {y}", '{', {{"a=", "x}"}, {"y", ""}}}, {"a=b", '\0', {{"a", "b"}}},
-  };
-  for (const auto& c : cases) EXPECT_EQ(Parse(c.text, c.separator), c.entries) << c.text;
+// Every entry a walk gives, in order, as "(name|value)" items.
+std::string Walk(ZCmdLine& line) {
+  std::string out, name, value;
+  for (bool ok = line.FindFirst(name, value); ok; ok = line.FindNext(name, value)) {
+    out += "(" + name + "|" + value + ")";
+  }
+  return out;
 }
 
-TEST(CmdLineReport, UnterminatedItemIsReportedOnceAndKept) {
-  struct Case {
-    std::string text;
-    Entries entries;
-  } cases[] = {
-      {"\"abc", {{"abc", ""}}},
-      {"a={b", {{"a", "b"}}},
-      {"x a={b{c}", {{"x", ""}, {"a", "b{c}"}}},
-      {"a=[", {{"a", ""}}},
-      {"<<<", {{"<<", ""}}},
+TEST(CmdLineGrammar, EntriesAndReportOfEachText) {
+  const struct { const char* text; char sep; const char* entries; bool bad = false; } cases[] = {
+      // Blanks separate and nothing else does.
+      {"", '=', ""}, {"  a   b  ", '=', "(a|)(b|)"}, {"a\tb=c\td", '=', "(a\tb|c\td)"},
+      // Bare names and values; delimiters count only as the first character.
+      {"a=b=c", '=', "(a|b=c)"}, {"a =b", '=', "(a|)(|b)"}, {"a= b", '=', "(a|)(b|)"},
+      {"=", '=', "(|)"}, {"a\"b c\"", '=', "(a\"b|)(c\"|)"}, {"x=a{b c}", '=', "(x|a{b)(c}|)"},
+      {"}]> x=>", '=', "(}]>|)(x|>)"},
+      // Delimited names and values.
+      {"\"a b\"=c", '=', "(a b|c)"}, {"\"a=b\"", '=', "(a=b|)"}, {"\"\" x", '=', "(|)(x|)"},
+      {"<a b>=[c d] e=<>", '=', "(a b|c d)(e|)"},
+      // The same pair nests, other pairs and quotes do not.
+      {"a={b {c} d}", '=', "(a|b {c} d)"}, {"a={b \"c} d", '=', "(a|b \"c)(d|)"},
+      {"[a[b]c]=1", '=', "(a[b]c|1)"}, {"<a<b>>=<x[>", '=', "(a<b>|x[)"},
+      {"\"a\"b\"", '=', "(a|)(b\"|)"},
+      // A closer ends the item and what follows is read afresh.
+      {"a=\"b\"c", '=', "(a|b)(c|)"}, {"{a}={b}{c}", '=', "(a|b)(c|)"},
+      // Separators; code 0 is refused and the separator stays "=".
+      {"a b", ' ', "(a|b)"}, {"a  b", ' ', "(a|)(b|)"}, {"a:b=c", ':', "(a|b=c)"},
+      {"a={x} {y}", '{', "(a=|x})(y|)"}, {"a=b", '\0', "(a|b)"},
+      // An unterminated item runs to the end, is kept and is reported once.
+      {"\"abc", '=', "(abc|)", true}, {"x a={b{c}", '=', "(x|)(a|b{c})", true},
+      {"a=[", '=', "(a|)", true}, {"<<<", '=', "(<<|)", true},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     lltest::RecordingSupport host;
-    EXPECT_EQ(Parse(c.text), c.entries) << c.text;
-    EXPECT_EQ(lltest::reportsText(host.reports),
-              "Badly formed ZCmdLine: '" + c.text + "'|ZCmdLine|2|cmdline\n");
+    ZCmdLine line(c.text);
+    line.UseSeparator(c.sep);
+    EXPECT_EQ(Walk(line), c.entries) << c.text;
+    const std::string report = "Badly formed ZCmdLine: '" + std::string(c.text) + "'|ZCmdLine|";
+    EXPECT_EQ(lltest::reportsText(host.reports), c.bad ? report + "2|cmdline\n" : "");
   }
 }
 
-TEST(CmdLineReport, EachScanReportsAndOnlyScansReport) {
-  lltest::RecordingSupport host;
-  ZCmdLine line("a={b");
-  EXPECT_TRUE(host.reports.empty());  // construction does not scan
-  std::string value;
-  EXPECT_TRUE(line.GetValue("a", value));
-  EXPECT_EQ(value, "b");
-  EXPECT_TRUE(line.GetValue("a", value));
-  EXPECT_EQ(host.reports.size(), 1u);
-  line.UseSeparator('=');
-  EXPECT_TRUE(line.GetValue("a", value));
-  EXPECT_EQ(host.reports.size(), 2u);
-  line.Scan();
-  EXPECT_EQ(host.reports.size(), 2u);
+// Seeded scripts of edits on names that differ in case, checked after every step against the
+// entries and the exact text that a model says the line must have, and by lookups of every name.
+TEST(CmdLineModel, EditsAndLookupsMatchAListOfEntries) {
+  const std::string names[] = {"a", "A", "key", "KEY", "x1"};  // name i is name j when i/2 == j/2
+  const std::string values[] = {"", "1", "0x1f", "-12", "v w", "{n}"};  // the first four go bare
+  std::mt19937 rng(20);
+  for (int script = 0; script < 150; ++script) {
+    const char sep = script % 3 ? '=' : ':';
+    ZCmdLine line;
+    line.UseSeparator(sep);
+    std::string text;
+    std::vector<std::pair<size_t, std::string>> model;  // name index, value
+    for (int step = 0; step < 12; ++step) {
+      const size_t ni = rng() % 5, vi = rng() % 6, op = rng() % 6;  // ops 2, 3, 4 drop the name
+      const std::string& n = names[ni];
+      const std::string v = op == 3 ? std::to_string(step * 1000 - 5000) : values[vi];
+      const std::string written = vi >= 4 || rng() % 2 ? "{" + v + "}" : v;
+      const size_t before = model.size();
+      auto same = [&](const std::pair<size_t, std::string>& e) { return e.first / 2 == ni / 2; };
+      if (op - 2 < 3) model.erase(std::remove_if(model.begin(), model.end(), same), model.end());
+      bool found = model.size() != before;
+      switch (op) {
+        case 0: line.AddParam(n, v, written != v); break;
+        case 1: line.AddParam(n + sep + written); break;
+        case 2: line.SetValue(n, v); break;
+        case 3: line.SetLongValue(n, step * 1000 - 5000); break;
+        case 4: EXPECT_EQ(found, line.Remove(n)); break;
+        default:
+          for (auto& e : model) found = same(e) ? (e.second = v, true) : found;
+          EXPECT_EQ(found, line.ReplaceValue(n, v));
+      }
+      if (found) text.clear();  // written afresh: one blank between entries, values in braces
+      for (size_t i = 0; found && i < model.size(); ++i) {
+        const auto& [name, value] = model[i];
+        text += (i ? " " : "") + names[name] + (value.empty() ? "" : sep + ("{" + value + "}"));
+      }
+      if (op < 4) {
+        text += " " + n + sep + (op < 2 ? written : "{" + v + "}");
+        model.emplace_back(ni, v);
+      }
+      // The text and the walk, then for each name: three results, the value and the two numbers.
+      std::string want = text, got = line.Get() + Walk(line);
+      for (const auto& e : model) want += "(" + names[e.first] + "|" + e.second + ")";
+      for (size_t k = 0; k < 5; ++k) {
+        const std::string* hit = nullptr;
+        for (const auto& e : model) hit = hit == nullptr && e.first / 2 == k / 2 ? &e.second : hit;
+        const std::string number = hit ? std::to_string(convertStringToLong(hit->c_str())) : "";
+        want += hit ? " 111|" + *hit + "|" + number + "|" + number : " 000||99|98";
+        std::string value = "junk";
+        int32_t l = 99;
+        int i = 98;
+        got += " " + std::to_string(line.GetValue(names[k], value));
+        got += std::to_string(line.GetLongValue(names[k].c_str(), l));
+        got += std::to_string(line.GetIntValue(names[k], i));
+        got += "|" + value + "|" + std::to_string(l) + "|" + std::to_string(i);
+      }
+      ASSERT_EQ(want, got);
+    }
+  }
 }
 
-TEST(CmdLineConstruction, TextsSeparatorAndCopies) {
-  EXPECT_STREQ(ZCmdLine().Get(), "");
-  EXPECT_STREQ(ZCmdLine("a", "b=1").Get(), "a b=1");
-  EXPECT_STREQ(ZCmdLine("", "").Get(), " ");
-  EXPECT_EQ(ZCmdLine("a", "").GetCommand(), "a ");
+// Rebuilds of entries that a rebuild cannot write back as they were.
+TEST(CmdLineEdit, RebuildHazards) {
+  const char* cases[][3] = {
+      {"= b \"\" c z", "b  c", "(b|)(c|)"},  // entries of neither name nor value vanish
+      {"a=\"x}y\" z", "a={x}y}", "(a|x)(y}|)"}, {"\"a b\"=1 z", "a b={1}", "(a|)(b|1)"},
+      {"a=\"{x} {y{}}\" z", "a={{x} {y{}}}", "(a|{x} {y{}})"}};
+  for (const auto& c : cases) {
+    ZCmdLine line(c[0]);
+    EXPECT_TRUE(line.Remove("Z"));
+    EXPECT_EQ(std::string(c[1]) + " " + c[2], line.GetCommand() + " " + Walk(line));
+  }
+}
 
-  ZCmdLine source("a:1 b");
-  source.UseSeparator(':');
-  std::string name = "keep", value = "keep";
-  ASSERT_TRUE(source.FindFirst(name, value));
-  ZCmdLine copy(source);
-  // The copy is not scanned and its cursor is 0.
-  EXPECT_FALSE(copy.FindNext(name, value));
-  EXPECT_EQ(name, "a");
-  EXPECT_EQ(cmdtest::Walk(copy), (Entries{{"a", "1"}, {"b", ""}}));
+// FindNext as "name/value", with "-" in front when it gives false; both outputs start as "k".
+std::string Next(ZCmdLine& line) {
+  std::string name = "k", value = "k";
+  return line.FindNext(name, value) ? name + "/" + value + " " : "-" + name + "/" + value + " ";
+}
+
+TEST(CmdLineState, WhatEndsAWalkAndWhatForcesAScan) {
+  lltest::RecordingSupport host;
+  ZCmdLine line("a=1 b=2 c={3");  // every scan reports, so reports count scans
+  std::string v, trace = Next(line);  // never scanned: outputs untouched
+  line.FindFirst(v, v);
+  line.GetValue("c", v);  // lookups keep the walk
+  line.Scan();
+  trace += Next(line) + std::to_string(host.reports.size()) + " ";
+  line.ReplaceValue("absent", "x");  // no rescan, the walk at its end
+  trace += Next(line) + std::to_string(host.reports.size()) + " ";
+  line.Remove("absent");  // the text kept, but scanned afresh
+  trace += Next(line);
+  line.GetValue("a", v);
+  line.FindFirst(v, v);
+  line.UseSeparator('=');  // a new separator, too
+  trace += Next(line) + std::to_string(host.reports.size()) + " ";
+  line.FindFirst(v, v);
+  line.AddParam("d");  // so does any edit
+  trace += Next(line);
+  line = std::string("p q r");  // assignment keeps the cursor
+  line.GetValue("p", v);
+  trace += Next(line);
+  ZCmdLine copy(line);  // a copy is not scanned and its cursor is 0
+  trace += Next(copy);
+  copy.Scan();
+  EXPECT_EQ(trace + Next(copy), "-k/k b/2 1 -/ 1 -k/k -k/k 2 -k/k q/ -k/k p/ ");
+}
+
+TEST(CmdLineState, NewCopiedAndAssignedLines) {
+  ZCmdLine colon("a:1"), line;
+  colon.UseSeparator(':');
+  line = colon;  // a line brings its separator, a text keeps the one there is
+  std::string trace = Walk(line);
+  line = std::string("b:2");
+  ZCmdLine copied(line);
+  trace += Walk(copied) + "|" + ZCmdLine().Get() + "|" + ZCmdLine("a", "b=1").Get() + "|";
+  line = ZCmdLine("c:3");
+  EXPECT_EQ(trace + ZCmdLine("", "").GetCommand() + "|" + Walk(line), "(a|1)(b|2)||a b=1| |(c:3|)");
+}
+
+TEST(CmdLineState, WalkStopsAtTheCursorLimitOtherOperationsSeeAll) {
+  std::string text, value;
+  for (int i = 0; i < 40000; ++i) text += "k" + std::to_string(i) + "=" + std::to_string(i) + " ";
+  ZCmdLine line(text);
+  const std::string walked = Walk(line);
+  EXPECT_EQ(32767, std::count(walked.begin(), walked.end(), '('));
+  EXPECT_EQ(walked.substr(walked.size() - 14), "(k32766|32766)");
+  EXPECT_TRUE(line.GetValue("K39999", value) && value == "39999");
+  EXPECT_FALSE(line.ReplaceValue("absent", "v"));
+  EXPECT_EQ(Next(line), "-/ ");  // the cursor stays at the limit
+  ASSERT_TRUE(line.Remove("k1"));
+  const std::string rebuilt = line.GetCommand();
+  EXPECT_EQ(rebuilt.substr(0, 16) + rebuilt.substr(rebuilt.size() - 14),
+            "k0={0} k2={2} k3k39999={39999}");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 
@@ -102,6 +103,13 @@ unsigned FaultInjector::limitBytes(lowlevel::platform::IoCall call, int /*handle
 std::string sourceDir() {
   const char* dir = std::getenv("LOWLEVEL_SOURCE_DIR");
   return dir != nullptr ? dir : ".";
+}
+
+std::string randomBytes(size_t n, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::string out(n, '\0');
+  for (char& c : out) c = static_cast<char>(rng());
+  return out;
 }
 
 }  // namespace lltest

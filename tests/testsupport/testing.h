@@ -133,6 +133,17 @@ struct FailCalls : FaultInjector {
 // The repository's source directory (for data files that the tests read).
 std::string sourceDir();
 
+// `n` bytes drawn from a generator seeded with `seed`; they do not compress.
+std::string randomBytes(size_t n, unsigned seed);
+
+// Reads up to `n` bytes with f.Read(buffer, n): the bytes read, or "<result>" when it fails.
+template <class File>
+std::string readSome(File& f, int n) {
+  std::string buf(static_cast<size_t>(n), '\0');
+  const int got = f.Read(&buf[0], n);
+  return got < 0 ? "<" + std::to_string(got) + ">" : buf.substr(0, static_cast<size_t>(got));
+}
+
 }  // namespace lltest
 
 #endif
