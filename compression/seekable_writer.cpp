@@ -97,7 +97,7 @@ class FrameEncoder {
     m_frame.resize(written);
     m_compressedTotal += written;
     if (m_compressedTotal + kFooterSize + 8 + 12 * (m_entries.size() + 1) > kMaxLength) {
-      return setError(error, "the compressed file would reach 2 GiB");
+      return setError(error, "the compressed file would reach offset 2147483647, the 2 GiB limit");
     }
     SeekEntry entry;
     entry.compressedSize = static_cast<uint32_t>(written);
@@ -146,6 +146,10 @@ bool compressFileToSeekable(const std::string& srcPath, const std::string& dstPa
   Handle src(platform::open(srcPath.c_str(), platform::kOpenReadOnly | platform::kOpenBinary, 0));
   if (src.get() < 0) return setError(error, "cannot open " + srcPath);
   int32_t length = platform::filelength(src.get());
+  platform::FileStat stat;
+  if (length < 0 && platform::fstat(src.get(), &stat) == 0 && stat.size < 0) {
+    return setError(error, srcPath + " is larger than 2147483647 bytes, the 2 GiB limit");
+  }
   if (length < 0) return setError(error, "cannot get the length of " + srcPath);
   Handle dst(openForWriting(dstPath));
   if (dst.get() < 0) return setError(error, "cannot create " + dstPath);
@@ -160,7 +164,10 @@ bool compressFileToSeekable(const std::string& srcPath, const std::string& dstPa
   do {
     size_t size = std::min<size_t>(options.chunkSize, remaining);
     if (!readAll(src.get(), chunk.data(), size)) return setError(error, "cannot read " + srcPath);
-    if (!encoder.encode(chunk.data(), size, error)) return false;
+    if (!encoder.encode(chunk.data(), size, error)) {
+      if (error != nullptr) *error = dstPath + ": " + *error;  // written so far, nothing beyond
+      return false;
+    }
     if (!writeAll(dst.get(), encoder.frame().data(), encoder.frame().size())) {
       return setError(error, "cannot write " + dstPath);
     }

@@ -29,7 +29,9 @@ bool compressToSeekable(const std::string& data, const SeekableWriteOptions& opt
 
 // Compresses the file `srcPath` into `dstPath` (created or truncated), chunk by chunk. False with
 // `error` set when an option is bad or a file cannot be read or written; `dstPath` may then hold
-// an incomplete file.
+// an incomplete file. A source longer than 2^31 - 1 bytes is refused with that reason, and no frame
+// is written that would bring the target (with its seek table) to offset 2^31 - 1: the error then
+// names `dstPath` and the limit.
 bool compressFileToSeekable(const std::string& srcPath, const std::string& dstPath,
                             const SeekableWriteOptions& options, std::string* error);
 

@@ -1,9 +1,10 @@
-// `lowlevel btree ...`: create, load, put, get, del, replace, range, scan, info, check, dump,
-// compress, order, repack, salvage.
+// `lowlevel btree ...`: create, load, put, get, del, replace, range, scan, info, check, repair,
+// dump, compress, order, repack, salvage.
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <set>
 #include <vector>
@@ -33,6 +34,12 @@ std::unique_ptr<BTree> openTree(const std::string& path, bool readOnly, int32_t 
   auto tree = std::make_unique<BTree>(locate(path), readOnly, offset);
   if (!tree->isOk()) return nullptr;
   return tree;
+}
+
+// Why a tree did not open: the 2 GiB limit, or "cannot open B-tree FILE" + `what`.
+std::string cannotOpenTree(const std::string& path, const char* what) {
+  if (beyondFileLimit(locate(path))) return cannotOpen(path, locate(path));
+  return "cannot open B-tree " + path + what;
 }
 
 // The current key of the cursor, as the caller's key width of bytes.
@@ -143,7 +150,7 @@ int runLoad(ToolContext& ctx, const std::string& file, const std::string& input,
     src = &in;
   }
   auto tree = openTree(file, false);
-  if (!tree) return fail(kExitIo, "cannot open B-tree " + file + " for update");
+  if (!tree) return fail(kExitIo, cannotOpenTree(file, " for update"));
   Progress progress("loading " + file, total);
   std::string line;
   int64_t lineNo = 0, added = 0, refused = 0, bytes = 0;
@@ -186,7 +193,7 @@ int runPut(ToolContext& ctx, const std::string& file, const std::string& keyText
   int code = kExitOk;
   if (!lookupArgs(keyText, k, &bytes, &number, &code)) return code;
   auto tree = openTree(file, false);
-  if (!tree) return fail(kExitIo, "cannot open B-tree " + file + " for update");
+  if (!tree) return fail(kExitIo, cannotOpenTree(file, " for update"));
   bool done;
   if (replace) {
     done = k.longKeys ? tree->replaceValue(value, number)
@@ -210,7 +217,7 @@ int runGet(ToolContext& ctx, const std::string& file, const std::string& keyText
   int code = kExitOk;
   if (!lookupArgs(keyText, k, &bytes, &number, &code)) return code;
   auto tree = openTree(file, true);
-  if (!tree) return fail(kExitIo, "cannot open B-tree " + file);
+  if (!tree) return fail(kExitIo, cannotOpenTree(file, ""));
   int32_t value = 0;
   bool found = k.longKeys ? tree->find(value, number)
                           : tree->find(value, bytes.data(), static_cast<int>(bytes.size()));
@@ -239,7 +246,7 @@ int runDel(ToolContext& ctx, const std::string& file, const std::string& keyText
   int code = kExitOk;
   if (!lookupArgs(keyText, k, &bytes, &number, &code)) return code;
   auto tree = openTree(file, false);
-  if (!tree) return fail(kExitIo, "cannot open B-tree " + file + " for update");
+  if (!tree) return fail(kExitIo, cannotOpenTree(file, " for update"));
   bool done;
   if (!valueText.empty()) {
     int32_t value;
@@ -266,7 +273,7 @@ struct RangeOptions {
 
 int runRange(ToolContext& ctx, const RangeOptions& o, bool whole) {
   auto tree = openTree(o.file, true);
-  if (!tree) return fail(kExitIo, "cannot open B-tree " + o.file);
+  if (!tree) return fail(kExitIo, cannotOpenTree(o.file, ""));
   auto findGe = [&](const std::string& text, int32_t& value, bool& ok) {
     std::string bytes, error;
     int32_t number = 0;
@@ -359,6 +366,8 @@ int runRange(ToolContext& ctx, const RangeOptions& o, bool whole) {
 struct Survey {
   int64_t pages = 0, keys = 0, freePages = 0, backwardLinks = 0, bytesInPages = 0;
   std::vector<std::string> faults;
+  size_t chainFaults = 0;    // faults of the free chain, which come last in `faults`
+  std::set<int32_t> inUse;   // the records reached from the root
 };
 
 // Walks the tree from the root by the bytes alone, checking what the tree's own test does not.
@@ -435,6 +444,7 @@ Survey surveyTree(RawTree& raw, bool checkOrder) {
     }
   }
   // The free chain: no cycle, records on the stride, none in use.
+  const size_t pageFaults = s.faults.size();
   int32_t link = h.freeListHead;
   std::set<int32_t> freeSeen;
   while (link != -1) {
@@ -456,6 +466,8 @@ Survey surveyTree(RawTree& raw, bool checkOrder) {
       break;
     }
   }
+  s.chainFaults = s.faults.size() - pageFaults;
+  s.inUse = std::move(seen);
   return s;
 }
 
@@ -464,7 +476,7 @@ int openBothViews(const std::string& file, RawTree* raw, std::unique_ptr<BTree>*
   std::string error;
   if (!raw->open(locate(file), 0, &error)) return fail(kExitIo, error);
   *tree = openTree(file, true);
-  if (!*tree) return fail(kExitIo, "cannot open B-tree " + file);
+  if (!*tree) return fail(kExitIo, cannotOpenTree(file, ""));
   return kExitOk;
 }
 
@@ -549,6 +561,123 @@ int runCheck(ToolContext& ctx, const std::string& file) {
                 strictOk ? "" : " (pages below half full: a repacked tree)");
   }
   return sound ? kExitOk : kExitNotFound;
+}
+
+// --- repair ---------------------------------------------------------------------------------------
+
+// The head of the longest chain of records not in use in which each record links to another such
+// record, ending with -1: the free chain that the header should name. -1 when there is none.
+// `chained` receives the records on it. Records that are not on it stay unused, as they are.
+int32_t freeChainHead(RawTree& raw, const std::set<int32_t>& inUse, int64_t* chained) {
+  std::map<int32_t, int32_t> link;  // record -> the first 4 bytes of it, for records not in use
+  for (int64_t at = 46; at + raw.recordSize() <= raw.fileLength(); at += raw.recordSize()) {
+    int32_t next = 0;
+    if (inUse.count(static_cast<int32_t>(at)) == 0 && raw.readLink(static_cast<int32_t>(at), &next)) {
+      link[static_cast<int32_t>(at)] = next;
+    }
+  }
+  std::set<int32_t> linkedTo;
+  for (const auto& [at, next] : link) linkedTo.insert(next);
+  int32_t best = -1;
+  *chained = 0;
+  for (const auto& entry : link) {
+    if (linkedTo.count(entry.first) != 0) continue;  // not the start of a chain
+    std::set<int32_t> visited;
+    int32_t at = entry.first;
+    while (at != -1 && link.count(at) != 0 && visited.insert(at).second) at = link[at];
+    const int64_t length = static_cast<int64_t>(visited.size());
+    if (at == -1 && length > *chained) {
+      best = entry.first;
+      *chained = length;
+    }
+  }
+  return best;
+}
+
+// Records off the tree that still read as pages holding keys the tree does not reach: the new
+// page of a split that was interrupted before its parent learnt of it. Counting only the reachable
+// keys would hide them; salvage brings them back. One fault per such record.
+std::vector<std::string> strandedKeys(RawTree& raw, const std::set<int32_t>& inUse) {
+  std::set<std::string> reached;
+  RawPage page;
+  std::string error;
+  for (int32_t at : inUse) {
+    if (raw.readPage(at, &page, &error)) reached.insert(page.keys.begin(), page.keys.end());
+  }
+  std::vector<std::string> faults;
+  for (int64_t at = 46; at + raw.recordSize() <= raw.fileLength(); at += raw.recordSize()) {
+    if (inUse.count(static_cast<int32_t>(at)) != 0 || !raw.readPage(static_cast<int32_t>(at), &page, &error)) continue;
+    int64_t stranded = 0;
+    for (const std::string& key : page.keys) stranded += reached.count(key) == 0;
+    if (stranded > 0) {
+      faults.push_back("page at " + std::to_string(at) + " holds " + std::to_string(stranded) +
+                       (stranded == 1 ? " key" : " keys") + " that the tree does not reach");
+    }
+  }
+  return faults;
+}
+
+// Puts `keyCount` and `freeListHead` into the header of `path` with one write of its 46 bytes.
+bool writeHeaderFields(const std::string& path, int32_t keyCount, int32_t freeListHead) {
+  ZFile file(path, 0x8002, 0);
+  unsigned char h[46];
+  if (!file.IsOpen() || file.Seek(0, 0) != 0 || file.Read(h, 46) != 46) return false;
+  for (int i = 0; i < 4; ++i) {
+    h[24 + i] = static_cast<unsigned char>(static_cast<uint32_t>(keyCount) >> (8 * i));
+    h[32 + i] = static_cast<unsigned char>(static_cast<uint32_t>(freeListHead) >> (8 * i));
+  }
+  if (file.Seek(0, 0) != 0 || file.Write(h, 46) != 46) return false;
+  file.Flush();
+  return file.Close();
+}
+
+// Brings a lagging key count and free-list head in the header up to what the pages hold, after
+// checking everything that `check` checks; anything else wrong leaves the file untouched.
+int runRepair(ToolContext& ctx, const std::string& file) {
+  RawTree raw;
+  Survey s;
+  {
+    std::string error;
+    if (!raw.open(locate(file), 0, &error)) return fail(kExitIo, error);
+    if (raw.header().compressed != 0) {
+      return fail(kExitUsage, file + " has compressed pages, which are never changed");
+    }
+    std::unique_ptr<BTree> tree = openTree(file, true);
+    const bool shapeOk = tree && tree->test(true, nullptr, nullptr, nullptr);
+    s = surveyTree(raw, true);
+    std::vector<std::string> faults(s.faults.begin(), s.faults.end() - static_cast<long>(s.chainFaults));
+    if (!tree) faults.insert(faults.begin(), "the tree does not open");
+    else if (!shapeOk) faults.insert(faults.begin(), "the tree's self-test fails");
+    if (faults.empty()) faults = strandedKeys(raw, s.inUse);
+    if (!faults.empty()) {
+      return fail(kExitNotFound, file + ": " + faults.front() + "; not repaired in place: `lowlevel btree salvage " +
+                                     file + " NEW` copies its keys into a new tree");
+    }
+  }
+  const RawHeader& h = raw.header();
+  int64_t chained = 0;
+  const int32_t head = freeChainHead(raw, s.inUse, &chained);
+  const int32_t keys = static_cast<int32_t>(s.keys);
+  std::vector<std::string> changes;
+  if (h.keyCount != keys) {
+    changes.push_back("key count " + std::to_string(h.keyCount) + " -> " + std::to_string(keys));
+  }
+  if (h.freeListHead != head) {
+    changes.push_back("free-list head " + std::to_string(h.freeListHead) + " -> " + std::to_string(head));
+  }
+  if (!changes.empty() && !writeHeaderFields(locate(file), keys, head)) {
+    return fail(kExitIo, "cannot write the header of " + file);
+  }
+  if (ctx.json) {
+    printJson({{"file", file}, {"changed", !changes.empty()}, {"changes", changes}, {"keys", keys},
+               {"freeListHead", head}, {"freeRecords", chained}});
+    return kExitOk;
+  }
+  std::string text;
+  for (const std::string& c : changes) text += (text.empty() ? "" : ", ") + c;
+  std::printf("%s: %s\n", file.c_str(),
+              changes.empty() ? "sound, nothing to repair" : (text + "; header written").c_str());
+  return kExitOk;
 }
 
 json pageJson(const RawPage& p, const RawHeader& h) {
@@ -715,6 +844,13 @@ void addBtreeCommands(CLI::App& app, ToolContext& ctx) {
   onRun(check, ctx, [&ctx] { return runCheck(ctx, infoFile); });
 
   static int64_t dumpPage = -1;
+  CLI::App* repair = bt->add_subcommand(
+      "repair", "bring a lagging key count and free-list head in the header up to the pages");
+  repair->add_option("FILE", infoFile)->required();
+  repair->footer("Only the header is written, and only when every other check passes; otherwise use salvage.\n"
+                 "Example: lowlevel btree repair words.btr");
+  onRun(repair, ctx, [&ctx] { return runRepair(ctx, infoFile); });
+
   CLI::App* dump = bt->add_subcommand("dump", "print pages (all, depth first, or one)");
   dump->add_option("FILE", infoFile)->required();
   dump->add_option("--page", dumpPage, "logical offset of one page");

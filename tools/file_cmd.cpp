@@ -35,7 +35,7 @@ int runPack(ToolContext& ctx, const PackOptions& o) {
 // Copies a file read through the transparent decompression to `out`.
 int copyExpanded(const std::string& src, FILE* out, const std::string& outName) {
   ZFile in(locate(src), 0x8000, 0);
-  if (!in.IsOpen()) return fail(kExitIo, "cannot open " + src);
+  if (!in.IsOpen()) return fail(kExitIo, cannotOpen(src, locate(src)));
   int32_t length = in.Length();
   Progress progress("reading " + src, length);
   std::vector<char> buffer(1 << 16);

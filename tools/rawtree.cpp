@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "tools/tool.h"
+
 namespace {
 
 int32_t le32(const unsigned char* p) {
@@ -26,17 +28,27 @@ bool RawTree::readAt(int32_t offset, void* buffer, int32_t count) {
   if (offset < 0 || count < 0) return false;
   int64_t physical = static_cast<int64_t>(offset) + m_start;
   if (physical > INT32_MAX) return false;
-  if (m_file.Seek(static_cast<int32_t>(physical), 0) != physical) return false;
-  return m_file.Read(buffer, count) == count;
+  if (m_io->Seek(static_cast<int32_t>(physical), 0) != physical) return false;
+  return m_io->Read(buffer, count) == count;
 }
 
-bool RawTree::open(const std::string& path, int32_t offset, std::string* error) {
+bool RawTree::open(const std::string& path, int32_t offset, std::string* error, bool belowLimit) {
   m_start = offset;
-  if (!m_file.Open(path, 0x8000, 0)) {
-    *error = "cannot open " + path;
+  int32_t length = -1;
+  if (belowLimit && beyondFileLimit(path)) {
+    std::string resolved = path;
+    if (!ZFile::ResolvePath(resolved, false, false) || !m_plain.Open(resolved, 0x8000, 0)) {
+      *error = "cannot open " + path;
+      return false;
+    }
+    m_io = &m_plain;
+    length = INT32_MAX;  // what lies below the limit
+  } else if (m_file.Open(path, 0x8000, 0)) {
+    length = m_file.Length();
+  } else {
+    *error = cannotOpen(path, path);
     return false;
   }
-  int32_t length = m_file.Length();
   if (length < 0 || length < offset) {
     *error = "cannot tell the size of " + path;
     return false;

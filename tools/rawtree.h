@@ -31,7 +31,9 @@ struct RawPage {
 class RawTree {
  public:
   // Opens the file read-only at `offset`; false with `error` for an unreadable or invalid header.
-  bool open(const std::string& path, int32_t offset, std::string* error);
+  // A file longer than 2^31 - 1 bytes is refused with the reason, unless `belowLimit`: then it is
+  // read as far as the limit (for salvage), as a plain file.
+  bool open(const std::string& path, int32_t offset, std::string* error, bool belowLimit = false);
   // Reads the record at logical `offset`; false with `error` when it cannot be read or is not a
   // valid record there.
   bool readPage(int32_t offset, RawPage* page, std::string* error);
@@ -46,6 +48,8 @@ class RawTree {
  private:
   bool readAt(int32_t offset, void* buffer, int32_t count);
   ZFile m_file;
+  ZFileBase m_plain;            // a file beyond the limit, read below it
+  ZFileBase* m_io = &m_file;  // the one of the two that is open
   RawHeader m_header;
   int32_t m_start = 0;
   int32_t m_length = 0;

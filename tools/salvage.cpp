@@ -47,7 +47,7 @@ bool salvageBTree(const std::string& damaged, const std::string& target, Salvage
     return false;
   }
   RawTree raw;
-  if (!raw.open(damaged, 0, error)) return false;
+  if (!raw.open(damaged, 0, error, true)) return false;  // a file pushed past the limit too
   const RawHeader& h = raw.header();
   if (h.compressed != 0) {
     *error = damaged + " is compressed; only an uncompressed tree can be salvaged";

@@ -1,6 +1,7 @@
 #include "tools/tool.h"
 
 #include "lowlevel/files/file.h"
+#include "lowlevel/files/filelimit.h"
 
 #include <unistd.h>
 
@@ -12,6 +13,18 @@
 int fail(int code, const std::string& message) {
   std::fprintf(stderr, "lowlevel: %s\n", message.c_str());
   return code;
+}
+
+bool beyondFileLimit(const std::string& located) {
+  std::string path = located;
+  if (!ZFile::ResolvePath(path, false, false)) return false;
+  ZFileBase probe;  // the bare handle: only the file objects above it refuse long files
+  return probe.Open(path, 0x8000, 0) && fileBeyondLimit(probe.GetHandle());
+}
+
+std::string cannotOpen(const std::string& shown, const std::string& located) {
+  if (beyondFileLimit(located)) return shown + " is larger than 2147483647 bytes, the 2 GiB limit";
+  return "cannot open " + shown;
 }
 
 Progress::Progress(const std::string& what, int64_t total)

@@ -29,6 +29,13 @@ inline void onRun(CLI::App* cmd, ToolContext& ctx, std::function<int()> run) {
 // Prints "lowlevel: MESSAGE" on standard error and returns `code`.
 int fail(int code, const std::string& message);
 
+// True when `located` (a path as locate gives it) names a regular file longer than 2^31 - 1
+// bytes, which no file object opens.
+bool beyondFileLimit(const std::string& located);
+// Why `shown` (located at `located`) did not open: "SHOWN is larger than 2147483647 bytes, the
+// 2 GiB limit" or "cannot open SHOWN".
+std::string cannotOpen(const std::string& shown, const std::string& located);
+
 // A one-line progress display on a terminal; silent when standard error is not a terminal.
 class Progress {
  public:

@@ -206,5 +206,49 @@ expect "salvage keeps the header's conversion" 0 "$("$tool" btree info conv.btr 
 expect_err "salvage refuses to overwrite its source" 3 "must not be the damaged one" -- \
   "$tool" btree salvage big.btr big.btr
 
+# --- repair: a lagging key count and free-list head come back; anything else is refused ---
+u32() { od -An -td4 -j"$2" -N4 "$1" | tr -d ' '; }
+put32() { printf "$(printf '\\x%02x' $(( $2 & 255 )) $(( $2 >> 8 & 255 )) $(( $2 >> 16 & 255 )) $(( $2 >> 24 & 255 )))" |
+  dd of="$1" bs=1 seek="$3" conv=notrunc 2>/dev/null; }
+first=$(u32 big.btr 32)
+second=$(u32 big.btr "$first")
+cp big.btr lag.btr
+put32 lag.btr 80 24        # the key count of an earlier state
+put32 lag.btr "$second" 32  # the head from before the last record was freed
+expect "repair of a lagging header" 0 "lag.btr: key count 80 -> 87, free-list head $second -> $first; header written" -- \
+  "$tool" btree repair lag.btr
+expect "repaired header is the one before" 0 "yes" -- sh -c "cmp -s big.btr lag.btr && echo yes"
+expect "repair of a sound file" 0 "lag.btr: sound, nothing to repair" -- "$tool" btree repair lag.btr
+cp broken.btr broken2.btr
+expect_err "repair refuses a damaged file" 1 "not repaired in place: .lowlevel btree salvage broken.btr NEW" -- \
+  "$tool" btree repair broken.btr
+expect "refused repair writes nothing" 0 "yes" -- sh -c "cmp -s broken.btr broken2.btr && echo yes"
+cp twice.btr strand.btr  # a split's page that its parent never learnt of, with a key only it holds
+"$tool" btree del strand.btr "$(keys_of big.btr "$(rec 3)" | head -n 1 | cut -f1)"
+expect_err "repair refuses keys off the tree" 1 "strand.btr: page at $(rec 46) holds 1 key that the tree does not reach; not repaired" -- \
+  "$tool" btree repair strand.btr
+
+# --- the 2 GiB limit, on sparse files: refused before writing, no key lost ---
+"$tool" btree create lim.btr --order 32 --key-length 250 >/dev/null
+for i in $(seq 1 400); do printf 'key%04d\t%d\n' $(( i * 37 % 1000 )) "$i"; done > lim.txt
+head -n 100 lim.txt | "$tool" btree load lim.btr >/dev/null
+rec=8030  # 24 + 31 x 250 + 8 x 32
+truncate -s $(( 46 + ((2147483647 - 46) / rec - 1) * rec )) lim.btr  # room for one more record
+expect "load at the limit" 0 "lim.btr: 59 added, 241 refused (present already or failed), 159 keys" -- \
+  sh -c "tail -n 300 lim.txt | '$tool' btree load lim.btr"
+expect "the refusal names file and limit" 0 "241" -- \
+  sh -c "tail -n 300 lim.txt | '$tool' btree load lim.btr 2>&1 >/dev/null | grep -c 'Write refused: it would reach offset 2147483647, the 2 GiB limit (lim.btr)'"
+expect "every added key is there" 0 "159" -- sh -c "'$tool' btree scan lim.btr | wc -l"
+expect "tree at the limit is sound" 0 "yes" -- sh -c "'$tool' btree check lim.btr >/dev/null && echo yes"
+expect "deletions work at the limit" 0 "" -- "$tool" btree del lim.btr key0037
+truncate -s 2147483648 lim.btr
+for cmd in "btree info" "btree check" "btree dump" "btree scan" cat; do
+  expect_err "$cmd refuses a file beyond the limit" 3 "^lowlevel: lim.btr is larger than 2147483647 bytes, the 2 GiB limit$" -- \
+    "$tool" $cmd lim.btr
+done
+expect_err "unpack refuses a file beyond the limit" 3 "lim.btr is larger than 2147483647 bytes" -- "$tool" unpack lim.btr out.bin
+expect "salvage reads below the limit" 0 "158" -- \
+  sh -c "'$tool' btree salvage lim.btr limsaved.btr >/dev/null && '$tool' btree scan limsaved.btr | wc -l"
+
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

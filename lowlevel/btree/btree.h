@@ -58,6 +58,11 @@ class BTree {
 
   // --- Changes. ---
   // insertKey: a failed read on the way down ends it with false before anything is written.
+  // No file grows to offset 2^31 - 1: an insertion whose pages would reach it is refused with a
+  // report naming the file and the limit, before its first write. A split's growth is known
+  // beforehand (one new page for each full page from the leaf up, one more when the root splits,
+  // free records used first), so a refused insertion leaves no half-done split: the tree stays as
+  // it was, and deletions, replacements and insertions into pages with room still work.
   bool insertKey(int32_t value, const char* key, int length);
   // deleteKey removes one entry; the form without a value refuses a tree with duplicates (reported).
   // A page that falls below half full borrows a key from a sibling or is merged with one. When a
@@ -119,6 +124,9 @@ class BTree {
   bool Search(const BTreePage& page, const BTreePageKey& key, BTreePage& result, uint32_t& index);
   bool PromoteInternal(BTreePage& page, const BTreePageKey& key, int32_t value, int32_t rightChild);
   bool PromoteRoot(const BTreePageKey& key, int32_t value, BTreePage& left, BTreePage& right);
+  // Whether the split of the full `leaf`, and of every full page above it, fits below the 2 GiB
+  // limit; reports when not. False also when a page above cannot be read.
+  bool roomForSplit(const BTreePage& leaf);
   bool internalDeleteKey(BTreePageKey& key);
   bool AdjustTree(BTreePage& page);
   bool Redistribute(uint32_t separator, BTreePage& left, BTreePage& parent, BTreePage& right);

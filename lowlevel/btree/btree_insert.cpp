@@ -27,6 +27,7 @@ bool BTree::insertKey(int32_t value, const char* key, int length) {
     page.keyCount += 1;
     if (!pageFile->writePage(page, false)) return false;
   } else {
+    if (!roomForSplit(page)) return false;
     const uint32_t maxKeys = page.maxKeys;
     const uint32_t minKeys = page.minKeys;
     // The page's entries with the new one in its place.
@@ -74,6 +75,23 @@ bool BTree::insertKey(int32_t value, const char* key, int length) {
   pageFile->keyCount += 1;
   pageFile->recycle(page);  // its arrays take in the root read next
   return pageFile->readPage(pageFile->hdr.rootOffset, *root);
+}
+
+// Far from the limit this costs one look at the file's end. Near it, the full pages above the
+// leaf are read to count the splits exactly, so that an insertion that fits still succeeds.
+bool BTree::roomForSplit(const BTreePage& leaf) {
+  // No tree of a file below the limit is this deep: even order 2 halves the pages per level.
+  constexpr int32_t kMostNewPages = 64;
+  if (pageFile->roomForNewPages(kMostNewPages, false)) return true;
+  BTreeWalkBudget budget(*pageFile);
+  BTreePage parent(0, 0);
+  int32_t pages = 1;  // the leaf's new right half
+  for (int32_t up = leaf.parentOffset; up != -1; up = parent.parentOffset) {
+    if (!budget.step() || !pageFile->readPage(up, parent)) return false;
+    if (parent.keyCount < parent.maxKeys) return pageFile->roomForNewPages(pages);
+    pages += 1;  // this parent splits too
+  }
+  return pageFile->roomForNewPages(pages + 1);  // and a new root goes on top
 }
 
 // Goes up level by level instead of recursing, so that a parent link that leads round in a circle

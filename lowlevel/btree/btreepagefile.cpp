@@ -5,6 +5,7 @@
 #include <cstring>
 #include <utility>
 
+#include "lowlevel/files/filelimit.h"
 #include "lowlevel/platform/io.h"
 #include "lowlevel/support/support.h"
 
@@ -99,7 +100,8 @@ BTreePageFile::BTreePageFile(const std::string& fileName, bool readOnly_, int32_
       offsetStart(offset),
       compressedWritePosition(0),
       keyLengthTable(nullptr),
-      keyLengthTableSize(0) {
+      keyLengthTableSize(0),
+      name(fileName) {
   if (offset > 0 && !readOnly) {
     reporterLL("You may not open a file with an offset for anything other than reading (" +
                    fileName + ").",
@@ -182,7 +184,8 @@ BTreePageFile::BTreePageFile(const std::string& fileName, int order, int keyLeng
       offsetStart(0),
       compressedWritePosition(0),
       keyLengthTable(nullptr),
-      keyLengthTableSize(0) {
+      keyLengthTableSize(0),
+      name(fileName) {
   // The owner refuses impossible shapes with its own report; the file is not touched for them.
   const int64_t slot = static_cast<int64_t>(keyLength) + (duplicates ? 4 : 0);
   if (order < 2 || keyLength < 1 || btreeRecordSize(order, slot) < 0) {
@@ -452,27 +455,32 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
   unsigned char* record = ioSpace(static_cast<size_t>(recordSize));
   if (record == nullptr) return false;
   bool positioned = false;  // the file position already stands at page.offset
-  if (page.offset == -1) {
-    if (hdr.freeListHead != -1) {
-      const int32_t place = hdr.freeListHead;
+  int32_t place = page.offset;
+  int32_t freeListHead = hdr.freeListHead;
+  if (place == -1) {
+    if (freeListHead != -1) {
+      place = freeListHead;
       // A chain entry that is not the start of a record belongs to a damaged file.
       if (place < kBTreeHeaderSize || (place - kBTreeHeaderSize) % recordSize != 0) return false;
       if (file.Seek(place, 0) != place) return false;
       unsigned char link[4];
       if (file.Read(link, 4) != 4) return false;
-      const int32_t next = get32(link);
-      if (next == place) return false;  // a chain that loops onto itself
-      page.offset = place;
-      hdr.freeListHead = next;
+      freeListHead = get32(link);
+      if (freeListHead == place) return false;  // a chain that loops onto itself
     } else {
       // The end of the file is where the seek leaves the position.
-      const int32_t end = file.Seek(0, 2);
-      if (end == -1) return false;
-      if (end < kBTreeHeaderSize) return false;
-      page.offset = end;
+      place = file.Seek(0, 2);
+      if (place == -1) return false;
+      if (place < kBTreeHeaderSize) return false;
       positioned = true;
     }
   }
+  // Nothing of the record is written, and nothing is taken from the chain, past the limit.
+  if (!fitsFileLimit(place, recordSize)) {
+    return refuseBeyondFileLimit(name, "BTreePageFile::writePage", kModule, __LINE__);
+  }
+  page.offset = place;
+  hdr.freeListHead = freeListHead;
   if (!positioned && file.Seek(page.offset, 0) != page.offset) return false;
 
   // The record goes out from one buffer in one write.
@@ -500,6 +508,26 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
   // next header write, at the latest the one when the file is closed, brings it up to date).
   writeHeader();
   return true;
+}
+
+bool BTreePageFile::roomForNewPages(int32_t pages, bool report) {
+  if (hdr.compressed != 0 || pages <= 0) return true;
+  const int64_t recordSize = btreeRecordSize(hdr.order, hdr.keyLength);
+  const int32_t end = file.Seek(0, 2);
+  if (recordSize <= 0 || end < 0) return false;
+  if (fitsFileLimit(end, pages * recordSize)) return true;
+  // Near the limit: free records take new pages before the file grows.
+  int32_t appended = pages;
+  for (int32_t at = hdr.freeListHead; appended > 0 && at >= kBTreeHeaderSize;) {
+    unsigned char link[4];
+    if (file.Seek(at, 0) != at || file.Read(link, 4) != 4) return false;
+    --appended;
+    const int32_t next = get32(link);
+    if (next == at) break;
+    at = next;
+  }
+  if (fitsFileLimit(end, appended * recordSize)) return true;
+  return report && refuseBeyondFileLimit(name, "BTreePageFile::writePage", kModule, __LINE__);
 }
 
 bool BTreePageFile::freePage(int32_t offset) {

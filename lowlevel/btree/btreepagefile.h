@@ -121,14 +121,23 @@ class BTreePageFile {
   // the file). With isRoot, hdr.rootOffset becomes its offset. Rewrites the header afterwards.
   // Refuses a page of another shape, a keyCount above maxKeys, an offset inside the header, and a
   // free-chain entry that is not the start of a record or links to itself (a damaged file).
+  // A record that would reach offset 2^31 - 1 is refused with a report (filelimit.h) before
+  // anything is written or taken from the chain.
   bool writePage(BTreePage& page, bool isRoot);
+  // True when `pages` new records fit below the 2 GiB limit: the first from the free chain (at
+  // most `pages` links are read, and only when appending them all would not fit), the rest
+  // appended. Otherwise reports as writePage does, when `report`, and answers false. Also false
+  // when the end of the file cannot be found. A compressed file answers true: its records are
+  // checked one by one as they are written.
+  bool roomForNewPages(int32_t pages, bool report = true);
   // Puts the record at `offset` at the front of the free chain (overwrites its first 4 bytes).
   // An offset inside the header is refused.
   bool freePage(int32_t offset);
   // Sends the header to the file with the live keyCount, then flushes. True without writing when
   // read-only.
   bool writeHeader();
-  // Writes `page` as a compressed record (the read-only compact form).
+  // Writes `page` as a compressed record (the read-only compact form). A record that would reach
+  // offset 2^31 - 1 is refused with a report before it is written.
   bool WriteCompressed(BTreePage& page);
   // Makes sure keyLengthTable exists (2 x hdr.order - 2 bytes, std::malloc'ed, freed by the
   // destructor with std::free) and sets keyLengthTableSize. False when it cannot be allocated.
@@ -157,6 +166,7 @@ class BTreePageFile {
   BTreePage* scratchPage();
   bool allocateKeyBuffer();
 
+  std::string name;  // the file's name as given, for reports
   unsigned char* ioBuffer = nullptr;  // a whole record going to or coming from the file
   size_t ioBufferSize = 0;
   unsigned char* expandedKeys = nullptr;  // a compressed record's keys as full slots

@@ -7,6 +7,7 @@
 
 #include "lowlevel/btree/btreepage.h"
 #include "lowlevel/btree/btreepagefile.h"
+#include "lowlevel/files/filelimit.h"
 #include "lowlevel/support/support.h"
 
 namespace {
@@ -94,6 +95,9 @@ bool BTreePageFile::WriteCompressed(BTreePage& page) {
   for (uint32_t i = 0; i < page.maxKeys; ++i) putInt32(bytes, page.values[i]);
   for (uint32_t i = 0; i < page.order; ++i) putInt32(bytes, page.children[i]);
   const int total = static_cast<int>(bytes.size());
+  if (!fitsFileLimit(page.offset, total)) {
+    return refuseBeyondFileLimit(name, "BTreePageFile::WriteCompressed", kModule, __LINE__);
+  }
   if (file.Write(bytes.data(), total) != total) return false;
 
   int32_t position = file.Position();

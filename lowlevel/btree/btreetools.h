@@ -5,7 +5,9 @@
 // a report before anything is created. A run that fails on a read or write (or on a corrupt source:
 // links that lead to a page twice, or to a page that is not in the tree) returns false at once and
 // leaves the incomplete target on disk as far as it was written: it must not be trusted, and its
-// header may even open. The source is untouched in every case.
+// header may even open. The source is untouched in every case. No target grows to offset
+// 2^31 - 1: the record that would reach it is refused with a report before it is written, and the
+// copy stops there, as after any failed write. (An ordered copy is never longer than its source.)
 #ifndef LOWLEVEL_BTREE_BTREETOOLS_H
 #define LOWLEVEL_BTREE_BTREETOOLS_H
 

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "compression/filecompression.h"
+#include "lowlevel/files/filelimit.h"
 #include "lowlevel/platform/io.h"
 #include "lowlevel/support/support.h"
 
@@ -155,6 +156,14 @@ void ZCompressedFileBase::init() {
 bool ZCompressedFileBase::Open(const std::string& path, unsigned short openFlags,
                                unsigned short permissionMode) {
   if (!ZFileBase::Open(path, openFlags, permissionMode)) return false;
+  // Positions and lengths are 32-bit: a longer file is refused, with the reason, rather than
+  // opened with a length of -1.
+  if (fileBeyondLimit(m_nHandle)) {
+    reporterLL(fileLimitReadMessage(path), "ZCompressedFileBase::Open", eReportError, kModule,
+               __LINE__);
+    ZFileBase::Close();
+    return false;
+  }
   // A private map from the handle constructor belongs to the file that object was made on.
   if (m_bOwnsOffsetMap) {
     releasePrivateMap();

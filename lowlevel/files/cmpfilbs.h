@@ -71,6 +71,8 @@ class ZCompressedFileBase : public ZFileBase {
   // compressed file takes the map of its path from offsetMapTable, built by one walk over the
   // chunks on the first open of that path. Rewinds to 0 (the plain file too). A private map held
   // from the handle constructor is freed here; a map of the table is never freed by an object.
+  // A regular file longer than 2^31 - 1 bytes is refused, closed and reported ("File is larger
+  // than 2147483647 bytes, the 2 GiB limit (path).", see filelimit.h).
   bool Open(const std::string& path, unsigned short openFlags,
             unsigned short permissionMode) override;
   // Forgets the chunks held (the buffers keep their memory) and closes the handle.

@@ -150,10 +150,14 @@ int write(int handle, const void* buffer, unsigned count) {
   if (handle < 0 || (buffer == nullptr && count > 0)) return -1;
   if (injectedFailure(IoCall::Write, handle)) return -1;
   if (count > static_cast<unsigned>(INT_MAX)) count = INT_MAX;
+  TrackedPosition* at = tracked(handle);
+  // No byte goes at or beyond offset 2^31 - 1, where positions stop fitting 32 bits: the whole
+  // write is refused and nothing is written. (The callers check first and report; this is the
+  // backstop.)
+  if (at != nullptr && at->position + count > INT32_MAX) return -1;
   count = allowedBytes(IoCall::Write, handle, count);
   const char* p = static_cast<const char*>(buffer);
   unsigned done = 0;
-  TrackedPosition* at = tracked(handle);
   while (done < count) {
     ssize_t n = at != nullptr ? ::pwrite(handle, p + done, count - done, static_cast<off_t>(at->position))
                               : ::write(handle, p + done, count - done);

@@ -46,7 +46,9 @@ int close(int handle);
 // Reads up to `count` bytes at the handle's position. Returns the bytes read (fewer only at the end
 // of the file), 0 at the end, -1 on failure.
 int read(int handle, void* buffer, unsigned count);
-// Writes `count` bytes at the handle's position. Returns the bytes written, -1 on failure.
+// Writes `count` bytes at the handle's position. Returns the bytes written, -1 on failure. A write
+// to a file this layer opened that would put a byte at or beyond offset 2^31 - 1 writes nothing
+// and gives -1.
 int write(int handle, const void* buffer, unsigned count);
 // Moves the position: origin 0 from the beginning, 1 from the current position, 2 from the end.
 // Returns the new position, or -1 (without moving) when it would be negative or above 2^31 - 1.
