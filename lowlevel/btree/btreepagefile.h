@@ -9,8 +9,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include "lowlevel/btree/btree_journal.h"
 #include "lowlevel/btree/btreepage.h"
 #include "lowlevel/files/file.h"
 
@@ -149,6 +151,14 @@ class BTreePageFile {
   int32_t compressedWritePosition;
   int16_t* keyLengthTable;
   int keyLengthTableSize;
+  // Present in crash-safe mode: while its batch is active, every read and write of the header
+  // and of records goes through it, and the destructor writes no header (a batch does).
+  std::unique_ptr<BTreeJournal> journal;
+  bool batching() const { return journal != nullptr && journal->active(); }
+  // Reads the header from the file again (after a batch was rolled back or another writer's
+  // batch); keyCount follows it. False, with nothing changed, when it cannot be read or is not
+  // the header of this tree.
+  bool reloadHeader();
 
  private:
   bool readUncompressedRecord(int32_t offset, BTreeRecord& record);
