@@ -12,6 +12,7 @@
 #include "lowlevel/btree/btree.h"
 #include "lowlevel/btree/btreetools.h"
 #include "tools/rawtree.h"
+#include "tools/safe.h"
 #include "tools/salvage.h"
 #include "tools/tool.h"
 
@@ -30,9 +31,11 @@ void addKeyOptions(CLI::App* cmd, KeyOptions& k) {
   cmd->add_flag("--hex", k.hex, "keys are written in hexadecimal");
 }
 
-std::unique_ptr<BTree> openTree(const std::string& path, bool readOnly, int32_t offset = 0) {
+// With `safe` the tree is opened in crash-safe mode.
+std::unique_ptr<BTree> openTree(const std::string& path, bool readOnly, int32_t offset = 0,
+                                bool safe = false) {
   auto tree = std::make_unique<BTree>(locate(path), readOnly, offset);
-  if (!tree->isOk()) return nullptr;
+  if (!tree->isOk() || (safe && !tree->setCrashSafe(true))) return nullptr;
   return tree;
 }
 
@@ -111,6 +114,7 @@ struct CreateOptions {
   std::string lcid = "0";
   std::string mapFlags = "0";
   int spaceConversion = 0;
+  bool safe = false;
 };
 
 int runCreate(ToolContext& ctx, const CreateOptions& o) {
@@ -125,6 +129,9 @@ int runCreate(ToolContext& ctx, const CreateOptions& o) {
   BTree tree(locate(o.file), o.order, o.keyLength, o.duplicates, static_cast<uint32_t>(lcid), flags,
              static_cast<int16_t>(o.spaceConversion));
   if (!tree.isOk()) return fail(kExitIo, "cannot create B-tree " + o.file);
+  if (o.safe && (!tree.setCrashSafe(true) || !makeDurable(locate(o.file)))) {
+    return fail(kExitIo, "cannot make " + o.file + " durable");
+  }
   if (ctx.json) {
     printJson({{"file", o.file}, {"order", o.order}, {"keyLength", o.keyLength},
                {"duplicates", o.duplicates}});
@@ -137,7 +144,14 @@ int runCreate(ToolContext& ctx, const CreateOptions& o) {
 
 // --- load / put / get / del / replace -----------------------------------------------------------
 
-int runLoad(ToolContext& ctx, const std::string& file, const std::string& input, const KeyOptions& k) {
+struct LoadOptions {
+  bool safe = false;
+  int64_t batch = 10000;
+};
+
+int runLoad(ToolContext& ctx, const std::string& file, const std::string& input, const KeyOptions& k,
+            const LoadOptions& o) {
+  if (o.batch < 1) return fail(kExitUsage, "bad --batch " + std::to_string(o.batch));
   std::ifstream in;
   std::istream* src = &std::cin;
   int64_t total = -1;
@@ -149,12 +163,24 @@ int runLoad(ToolContext& ctx, const std::string& file, const std::string& input,
     in.seekg(0);
     src = &in;
   }
-  auto tree = openTree(file, false);
+  auto tree = openTree(file, false, 0, o.safe);
   if (!tree) return fail(kExitIo, cannotOpenTree(file, " for update"));
   Progress progress("loading " + file, total);
   std::string line;
   int64_t lineNo = 0, added = 0, refused = 0, bytes = 0;
+  // Crash-safe: a batch of --batch keys at a time. Whatever stops the load, the keys of the
+  // committed batches stay and those of the batch under way are rolled back.
+  int64_t inBatch = 0, committed = 0, batches = 0;
+  auto stop = [&](int code, const std::string& why) {
+    if (!o.safe) return fail(code, why);
+    tree->rollbackBatch();
+    return fail(code, why + "; " + std::to_string(committed) + " keys committed in " +
+                          std::to_string(batches) + " batches, the batch under way rolled back");
+  };
+  if (o.safe) installInterruptHandlers();
+  if (o.safe && !tree->beginBatch()) return fail(kExitIo, "cannot lock B-tree " + file);
   while (std::getline(*src, line)) {
+    if (o.safe && interrupted()) break;
     ++lineNo;
     bytes += static_cast<int64_t>(line.size()) + 1;
     if (!line.empty() && line.back() == '\r') line.pop_back();
@@ -162,18 +188,29 @@ int runLoad(ToolContext& ctx, const std::string& file, const std::string& input,
     size_t tab = line.find('\t');
     int32_t value = 0;
     if (tab == std::string::npos || !parseInt32(line.substr(tab + 1), &value)) {
-      return fail(kExitUsage, (input.empty() ? std::string("stdin") : input) + ":" +
+      return stop(kExitUsage, (input.empty() ? std::string("stdin") : input) + ":" +
                                   std::to_string(lineNo) + ": expected KEY<TAB>VALUE");
     }
     std::string keyBytes, error;
     int32_t number = 0;
     if (!parseKey(line.substr(0, tab), k.form(), &keyBytes, &number, &error)) {
-      return fail(kExitUsage, input + ":" + std::to_string(lineNo) + ": " + error);
+      return stop(kExitUsage, input + ":" + std::to_string(lineNo) + ": " + error);
     }
     bool done = k.longKeys ? tree->insertKey(value, number)
                            : tree->insertKey(value, keyBytes.data(), static_cast<int>(keyBytes.size()));
     if (done) ++added; else ++refused;
     progress.update(total > 0 ? bytes : lineNo);
+    if (o.safe && done && ++inBatch == o.batch) {
+      if (!tree->commitBatch()) return fail(kExitIo, "commit failed; " + std::to_string(committed) + " keys committed");
+      committed += inBatch;
+      ++batches;
+      inBatch = 0;
+      if (interrupted() || !tree->beginBatch()) break;
+    }
+  }
+  if (o.safe && interrupted()) return stop(kExitIo, "interrupted");
+  if (o.safe && (!tree->inBatch() || !tree->commitBatch())) {
+    return fail(kExitIo, "load stopped; " + std::to_string(committed) + " keys committed");
   }
   if (ctx.json) {
     printJson({{"file", file}, {"added", added}, {"refused", refused}, {"keys", tree->getKeyCount()}});
@@ -185,14 +222,14 @@ int runLoad(ToolContext& ctx, const std::string& file, const std::string& input,
 }
 
 int runPut(ToolContext& ctx, const std::string& file, const std::string& keyText,
-           const std::string& valueText, const KeyOptions& k, bool replace) {
+           const std::string& valueText, const KeyOptions& k, bool replace, bool safe) {
   int32_t value;
   if (!parseInt32(valueText, &value)) return fail(kExitUsage, "not a 32-bit value: " + valueText);
   std::string bytes;
   int32_t number = 0;
   int code = kExitOk;
   if (!lookupArgs(keyText, k, &bytes, &number, &code)) return code;
-  auto tree = openTree(file, false);
+  auto tree = openTree(file, false, 0, safe);
   if (!tree) return fail(kExitIo, cannotOpenTree(file, " for update"));
   bool done;
   if (replace) {
@@ -240,12 +277,12 @@ int runGet(ToolContext& ctx, const std::string& file, const std::string& keyText
 }
 
 int runDel(ToolContext& ctx, const std::string& file, const std::string& keyText,
-           const std::string& valueText, const KeyOptions& k) {
+           const std::string& valueText, const KeyOptions& k, bool safe) {
   std::string bytes;
   int32_t number = 0;
   int code = kExitOk;
   if (!lookupArgs(keyText, k, &bytes, &number, &code)) return code;
-  auto tree = openTree(file, false);
+  auto tree = openTree(file, false, 0, safe);
   if (!tree) return fail(kExitIo, cannotOpenTree(file, " for update"));
   bool done;
   if (!valueText.empty()) {
@@ -747,7 +784,7 @@ int runDump(ToolContext& ctx, const std::string& file, int64_t onePage) {
 }
 
 int runCopy(ToolContext& ctx, const std::string& what, const std::string& src, const std::string& dst,
-            int order) {
+            int order, bool safe) {
   bool done;
   Progress progress(what + " " + src, -1);
   progress.update(0);
@@ -755,6 +792,7 @@ int runCopy(ToolContext& ctx, const std::string& what, const std::string& src, c
   else if (what == "order") done = orderBTree(locate(src), locate(dst));
   else done = repackBTree(locate(src), locate(dst), order);
   if (!done) return fail(kExitIo, what + " of " + src + " into " + dst + " failed");
+  if (safe && !makeDurable(locate(dst))) return fail(kExitIo, "cannot make " + dst + " durable");
   if (ctx.json) printJson({{"source", src}, {"target", dst}, {"done", true}});
   else std::printf("%s: %s -> %s\n", what.c_str(), src.c_str(), dst.c_str());
   return kExitOk;
@@ -775,20 +813,25 @@ void addBtreeCommands(CLI::App& app, ToolContext& ctx) {
   c->add_option("--lcid", create.lcid, "Windows locale identifier for key mapping, e.g. 0x0409");
   c->add_option("--map-flags", create.mapFlags, "key mapping flags by name or number, e.g. sortkey,ignorecase");
   c->add_option("--space-conversion", create.spaceConversion, "0: blanks become '0' before a mapping that ignores symbols");
+  addSafeFlag(c, create.safe, false);
   c->footer("Example: lowlevel btree create words.btr --order 64 --key-length 16");
   onRun(c, ctx, [&ctx] { return runCreate(ctx, create); });
 
   static std::string loadFile, loadInput;
   static KeyOptions loadKeys;
+  static LoadOptions load;
   CLI::App* l = bt->add_subcommand("load", "insert KEY<TAB>VALUE lines from a file or standard input");
   l->add_option("FILE", loadFile, "the B-tree file")->required();
   l->add_option("INPUT", loadInput, "lines to load (default: standard input)");
   addKeyOptions(l, loadKeys);
+  addSafeFlag(l, load.safe, true);
+  l->add_option("--batch", load.batch, "with --safe: keys per committed batch (default 10000)");
   l->footer("Example: printf 'apple\\t1\\npear\\t2\\n' | lowlevel btree load words.btr");
-  onRun(l, ctx, [&ctx] { return runLoad(ctx, loadFile, loadInput, loadKeys); });
+  onRun(l, ctx, [&ctx] { return runLoad(ctx, loadFile, loadInput, loadKeys, load); });
 
   static std::string oneFile, oneKey, oneValue;
   static KeyOptions oneKeys;
+  static bool oneSafe = false;
   // A command on one key: FILE KEY [VALUE] and the key form options.
   auto keyCommand = [&](const char* name, const char* help, bool withValue, const std::string& example) {
     CLI::App* cmd = bt->add_subcommand(name, help);
@@ -796,21 +839,22 @@ void addBtreeCommands(CLI::App& app, ToolContext& ctx) {
     cmd->add_option("KEY", oneKey)->required();
     if (withValue) cmd->add_option("VALUE", oneValue)->required();
     addKeyOptions(cmd, oneKeys);
+    if (std::string(name) != "get") addSafeFlag(cmd, oneSafe, true);
     cmd->footer("Example: " + example);
     return cmd;
   };
   onRun(keyCommand("put", "insert one key with its value", true, "lowlevel btree put words.btr apple 17"),
-        ctx, [&ctx] { return runPut(ctx, oneFile, oneKey, oneValue, oneKeys, false); });
+        ctx, [&ctx] { return runPut(ctx, oneFile, oneKey, oneValue, oneKeys, false, oneSafe); });
   onRun(keyCommand("replace", "replace the value of a key (trees without duplicates)", true,
                    "lowlevel btree replace words.btr apple 18"),
-        ctx, [&ctx] { return runPut(ctx, oneFile, oneKey, oneValue, oneKeys, true); });
+        ctx, [&ctx] { return runPut(ctx, oneFile, oneKey, oneValue, oneKeys, true, oneSafe); });
   onRun(keyCommand("get", "print the value(s) of a key; exit 1 when absent", false,
                    "lowlevel --host host.ini btree get cd:\\index.btr apple"),
         ctx, [&ctx] { return runGet(ctx, oneFile, oneKey, oneKeys); });
   CLI::App* del = keyCommand("del", "delete a key (with --value: that entry of a duplicates tree)", false,
                              "lowlevel btree del words.btr apple");
   del->add_option("--value", oneValue, "the value of the entry to delete");
-  onRun(del, ctx, [&ctx] { return runDel(ctx, oneFile, oneKey, oneValue, oneKeys); });
+  onRun(del, ctx, [&ctx] { return runDel(ctx, oneFile, oneKey, oneValue, oneKeys, oneSafe); });
 
   static RangeOptions range;
   CLI::App* r = bt->add_subcommand("range", "list keys from FROM up to TO (inclusive)");
@@ -859,6 +903,7 @@ void addBtreeCommands(CLI::App& app, ToolContext& ctx) {
 
   static std::string copySrc, copyDst;
   static int copyOrder = 0;
+  static bool copySafe = false;
   for (const char* what : {"compress", "order", "repack"}) {
     std::string name = what;
     std::string help = name == "compress" ? "write a compressed read-only copy"
@@ -868,8 +913,9 @@ void addBtreeCommands(CLI::App& app, ToolContext& ctx) {
     cmd->add_option("SRC", copySrc)->required();
     cmd->add_option("DST", copyDst)->required();
     if (name == "repack") cmd->add_option("--order", copyOrder, "order of the new tree (default: the source's)");
+    addSafeFlag(cmd, copySafe, false);
     cmd->footer("Example: lowlevel btree " + name + " words.btr words-" + name + ".btr");
-    onRun(cmd, ctx, [&ctx, name] { return runCopy(ctx, name, copySrc, copyDst, copyOrder); });
+    onRun(cmd, ctx, [&ctx, name] { return runCopy(ctx, name, copySrc, copyDst, copyOrder, copySafe); });
   }
   addSalvageCommand(bt, ctx);
 

@@ -9,6 +9,7 @@
 #include "lowlevel/btree/btree.h"
 #include "lowlevel/platform/io.h"
 #include "tools/rawtree.h"
+#include "tools/safe.h"
 
 namespace {
 
@@ -118,15 +119,18 @@ bool salvageBTree(const std::string& damaged, const std::string& target, Salvage
 
 void addSalvageCommand(CLI::App* btree, ToolContext& ctx) {
   static std::string damaged, target;
+  static bool safe = false;
   CLI::App* cmd = btree->add_subcommand(
       "salvage", "copy every key of a damaged tree's sound pages into a new tree");
   cmd->add_option("DAMAGED", damaged)->required();
   cmd->add_option("NEW", target)->required();
+  addSafeFlag(cmd, safe, false);
   cmd->footer("Example: lowlevel btree salvage words.btr words-saved.btr");
   onRun(cmd, ctx, [&ctx]() -> int {
     SalvageReport r;
     std::string error;
     if (!salvageBTree(locate(damaged), locate(target), &r, &error)) return fail(kExitIo, error);
+    if (safe && !makeDurable(locate(target))) return fail(kExitIo, "cannot make " + target + " durable");
     if (ctx.json) {
       printJson({{"source", damaged}, {"target", target}, {"records", r.records},
                  {"pages", r.pages}, {"free", r.free}, {"bad", r.bad}, {"keys", r.keys},

@@ -119,6 +119,7 @@ BTree::BTree(const std::string& fileName_, int order, int keyLength, bool duplic
 }
 
 BTree::~BTree() {
+  if (inBatch()) rollbackBatch();
   delete pageFile;
   delete root;
   delete curPage;

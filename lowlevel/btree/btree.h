@@ -97,6 +97,39 @@ class BTree {
   bool getCurrentKeyDepthAndIndex(int& depth, int& index);
   int depth();  // levels below the root; -1 on a read failure
 
+  // --- Crash-safe mode: off unless turned on; the file format is the same in both modes. ---
+  // In the default mode each page write goes straight to the file and an interrupted operation
+  // can leave the tree unsound. In crash-safe mode every change belongs to a batch: one the caller
+  // opened with beginBatch, or else a batch of its own around each insertKey, deleteKey and
+  // replaceValue. A batch's writes are held in memory (large batches spill early through the
+  // journal) and reach the file at commitBatch: the original bytes of every record and of the
+  // header that the batch overwrites go first to a rollback journal beside the tree (the file's
+  // name + "-journal"), which is made durable; then the tree is written and made durable; then
+  // the journal is deleted, and only that makes the batch permanent. A crash or power cut at any
+  // moment leaves the tree as before the batch or as after it: any later open of the tree, in
+  // either mode, rolls back a journal it finds (a read-only open refuses with a report instead).
+  // From beginBatch to its end the writer holds an exclusive advisory lock on the tree file, so
+  // that a second crash-safe writer waits (or fails) instead of mixing pages.
+  //
+  // setCrashSafe(true) writes the header as the default mode does at close, then turns the mode
+  // on; refused (reported) on a read-only, compressed or not-ok tree. setCrashSafe(false) ends
+  // the mode and is refused while a batch is open. In crash-safe mode the destructor writes
+  // nothing but rolls back a batch still open.
+  bool setCrashSafe(bool on);
+  bool isCrashSafe();
+  // Opens a batch: takes the lock (waits for it with `wait`, else fails at once with a report),
+  // then reads the header and the root again, as another writer may have changed them, and drops
+  // the cursor. False outside crash-safe mode or inside a batch.
+  bool beginBatch(bool wait = true);
+  // Makes the batch permanent. A change that failed after it had written (a failing read or
+  // write halfway) spoils the batch: commitBatch then rolls back, reports, and answers false.
+  // Whenever it answers false the tree is as it was before the batch, on disk at once or, when
+  // even the rollback failed, at the next open (the object is then no longer ok).
+  bool commitBatch();
+  // Drops the batch: the file and this object's view of it are as before beginBatch.
+  bool rollbackBatch();
+  bool inBatch();
+
   // --- Traversal and self-test. ---
   // Both walk at most as many pages as the file has records and fail beyond that.
   bool inOrder(TraverseCallback callback);
@@ -111,6 +144,18 @@ class BTree {
                              std::map<int32_t, int32_t>& offsetMap);
   friend bool buildPage(BTree& source, BTree& target, int keys, int order, BTreePage& page);
   friend bool nextSourceKey(BTree& source, BTreePageKey& key, int32_t& value);
+
+  // The change operations themselves; the public ones put them into a batch in crash-safe mode.
+  bool insertKeyNow(int32_t value, const char* key, int length);
+  bool deleteKeyNow(const char* key, int length);
+  bool deleteKeyNow(int32_t value, const char* key, int length);
+  bool replaceValueNow(int32_t value, const char* key, int length);
+  template <class Change>
+  bool applyChange(Change change);
+  // Reads the header and the root from the file again and drops the cursor.
+  bool reloadFromFile();
+  // Ends a batch that must not stay: rolls it back; an object whose rollback failed is not ok.
+  bool abandonBatch();
 
   int32_t btreeReverseLong(int32_t value);
   // Counts one cursor move; false once the cursor has moved more often than the file holds entries.
@@ -156,6 +201,7 @@ class BTree {
   char* convertBuffer;
   int convertLength;
   int convertCapacity;
+  bool batchSpoiled = false;  // a change of the open batch failed after writing
 };
 
 #endif

@@ -52,7 +52,7 @@ bool reparent(BTreePageFile& pageFile, int32_t offset, int32_t parentOffset) {
 
 }  // namespace
 
-bool BTree::deleteKey(const char* key, int length) {
+bool BTree::deleteKeyNow(const char* key, int length) {
   if (pageFile->hdr.duplicates != 0) {
     reporterLL("Duplicates are NOT supported by deleteKey without specifying associated value.",
                "BTree::deleteKey", eReportError, kModule, __LINE__);
@@ -74,7 +74,7 @@ bool BTree::deleteKey(const char* key, int length) {
 
 // The value goes into the slot's last four bytes whether or not the tree has duplicates; a slot
 // narrower than that tail cannot be built, and the deletion then finds nothing.
-bool BTree::deleteKey(int32_t value, const char* key, int length) {
+bool BTree::deleteKeyNow(int32_t value, const char* key, int length) {
   if (key == nullptr || length < 0 || root->keyLength < 4) {
     clearCurPage();
     return false;
@@ -89,7 +89,7 @@ bool BTree::deleteKey(int32_t value, const char* key, int length) {
   return true;
 }
 
-bool BTree::replaceValue(int32_t value, const char* key, int length) {
+bool BTree::replaceValueNow(int32_t value, const char* key, int length) {
   if (pageFile->hdr.duplicates != 0) {
     reporterLL("Duplicates are NOT supported.", "BTree::replaceValue", eReportError, kModule,
                __LINE__);

@@ -9,7 +9,7 @@
 
 // A failed read inside Search ends the insertion with false (the leaf is then a placeholder, never
 // written to). Nothing is rolled back after a failed write: the pages written so far stay.
-bool BTree::insertKey(int32_t value, const char* key, int length) {
+bool BTree::insertKeyNow(int32_t value, const char* key, int length) {
   clearCurPage();
   BTreePageKey slot = prepareKey(key, length, value);
   BTreePage page(0, 0);

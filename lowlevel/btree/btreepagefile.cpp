@@ -115,6 +115,20 @@ BTreePageFile::BTreePageFile(const std::string& fileName, bool readOnly_, int32_
                __LINE__);
     return;
   }
+  // A journal beside the tree means a crash-safe batch was cut off: the tree is rolled back to
+  // its state before that batch before anything reads it.
+  switch (BTreeJournal::recover(file, BTreeJournal::pathFor(fileName), !readOnly)) {
+    case BTreeJournal::Recovery::NeedsWrite:
+      reporterLL("An interrupted batch must be rolled back, and the tree is opened read-only (" +
+                     fileName + ").",
+                 kOpenFunction, eReportError, kModule, __LINE__);
+      return;
+    case BTreeJournal::Recovery::Failed:
+      reporterLL("Unable to roll back the interrupted batch (" + fileName + ").", kOpenFunction,
+                 eReportError, kModule, __LINE__);
+      return;
+    default: break;
+  }
   if (file.Seek(offset, 0) != offset) {
     reporterLL("Unable to seek to header in file (" + fileName + ").", kOpenFunction, eReportError,
                kModule, __LINE__);
@@ -240,7 +254,7 @@ BTreePageFile::BTreePageFile(const std::string& fileName, int order, int keyLeng
 }
 
 BTreePageFile::~BTreePageFile() {
-  if (ok) writeHeader();
+  if (ok && journal == nullptr) writeHeader();
   std::free(keyBuffer);
   std::free(keyLengthTable);
   std::free(ioBuffer);
@@ -265,7 +279,7 @@ bool BTreePageFile::ensureKeyLengthTable() {
 
 int64_t BTreePageFile::recordLimit() {
   if (hdr.order < 2) return 0;
-  const int64_t length = file.Length();
+  const int64_t length = batching() ? journal->length() : file.Length();
   if (length < 0) return 0;
   const int64_t minRecord = hdr.compressed != 0 ? 10 * static_cast<int64_t>(hdr.order) + 6
                                                 : btreeRecordSize(hdr.order, hdr.keyLength);
@@ -315,7 +329,7 @@ bool BTreePageFile::readRecord(int32_t offset, BTreeRecord& record) {
   if (hdr.order < 2 || hdr.keyLength < 1 || keyBuffer == nullptr) return false;
   const int64_t position = static_cast<int64_t>(offset) + offsetStart;
   if (offset < 0 || position > INT32_MAX) return false;
-  if (file.Seek(static_cast<int32_t>(position), 0) != position) return false;
+  if (!batching() && file.Seek(static_cast<int32_t>(position), 0) != position) return false;
   return hdr.compressed != 0 ? readCompressedRecord(offset, record)
                              : readUncompressedRecord(offset, record);
 }
@@ -361,7 +375,9 @@ bool BTreePageFile::readUncompressedRecord(int32_t offset, BTreeRecord& record) 
   if (recordSize <= 0) return false;
   unsigned char* bytes = ioSpace(static_cast<size_t>(recordSize));
   if (bytes == nullptr) return false;
-  if (file.Read(bytes, static_cast<int>(recordSize)) != recordSize) return false;
+  if (batching() ? !journal->read(file, offset, bytes, static_cast<int>(recordSize))
+                 : file.Read(bytes, static_cast<int>(recordSize)) != recordSize)
+    return false;
   // maxKeys and minKeys of the record are not trusted: the page is shaped by the header.
   const uint32_t order = static_cast<uint32_t>(hdr.order);
   const uint32_t keyCount = static_cast<uint32_t>(get32(bytes + 20));
@@ -462,17 +478,15 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
       place = freeListHead;
       // A chain entry that is not the start of a record belongs to a damaged file.
       if (place < kBTreeHeaderSize || (place - kBTreeHeaderSize) % recordSize != 0) return false;
-      if (file.Seek(place, 0) != place) return false;
       unsigned char link[4];
-      if (file.Read(link, 4) != 4) return false;
+      if (!readLink(place, link)) return false;
       freeListHead = get32(link);
       if (freeListHead == place) return false;  // a chain that loops onto itself
     } else {
-      // The end of the file is where the seek leaves the position.
-      place = file.Seek(0, 2);
+      place = fileEnd();
       if (place == -1) return false;
       if (place < kBTreeHeaderSize) return false;
-      positioned = true;
+      positioned = true;  // the seek to the end left the position there
     }
   }
   // Nothing of the record is written, and nothing is taken from the chain, past the limit.
@@ -481,7 +495,7 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
   }
   page.offset = place;
   hdr.freeListHead = freeListHead;
-  if (!positioned && file.Seek(page.offset, 0) != page.offset) return false;
+  if (!batching() && !positioned && file.Seek(page.offset, 0) != page.offset) return false;
 
   // The record goes out from one buffer in one write.
   put32(record, page.offset);
@@ -502,7 +516,9 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
   }
   for (uint32_t i = 0; i < page.maxKeys; ++i, p += 4) put32(p, page.values[i]);
   for (uint32_t i = 0; i < page.order; ++i, p += 4) put32(p, page.children[i]);
-  if (file.Write(record, static_cast<int>(recordSize)) != recordSize) return false;
+  if (batching() ? !journal->write(file, page.offset, record, static_cast<int>(recordSize))
+                 : file.Write(record, static_cast<int>(recordSize)) != recordSize)
+    return false;
   if (isRoot) hdr.rootOffset = page.offset;
   // The page is on disk; the header follows it but may lag (its failure is not the page's: the
   // next header write, at the latest the one when the file is closed, brings it up to date).
@@ -510,17 +526,24 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
   return true;
 }
 
+int32_t BTreePageFile::fileEnd() { return batching() ? journal->length() : file.Seek(0, 2); }
+
+bool BTreePageFile::readLink(int32_t at, unsigned char* link) {
+  if (batching()) return journal->read(file, at, link, 4);
+  return file.Seek(at, 0) == at && file.Read(link, 4) == 4;
+}
+
 bool BTreePageFile::roomForNewPages(int32_t pages, bool report) {
   if (hdr.compressed != 0 || pages <= 0) return true;
   const int64_t recordSize = btreeRecordSize(hdr.order, hdr.keyLength);
-  const int32_t end = file.Seek(0, 2);
+  const int32_t end = fileEnd();
   if (recordSize <= 0 || end < 0) return false;
   if (fitsFileLimit(end, pages * recordSize)) return true;
   // Near the limit: free records take new pages before the file grows.
   int32_t appended = pages;
   for (int32_t at = hdr.freeListHead; appended > 0 && at >= kBTreeHeaderSize;) {
     unsigned char link[4];
-    if (file.Seek(at, 0) != at || file.Read(link, 4) != 4) return false;
+    if (!readLink(at, link)) return false;
     --appended;
     const int32_t next = get32(link);
     if (next == at) break;
@@ -532,10 +555,14 @@ bool BTreePageFile::roomForNewPages(int32_t pages, bool report) {
 
 bool BTreePageFile::freePage(int32_t offset) {
   if (offset < kBTreeHeaderSize) return false;
-  if (file.Seek(offset, 0) != offset) return false;
   unsigned char link[4];
   put32(link, hdr.freeListHead);
-  if (file.Write(link, 4) != 4) return false;
+  if (batching()) {
+    if (!journal->write(file, offset, link, 4)) return false;
+  } else {
+    if (file.Seek(offset, 0) != offset) return false;
+    if (file.Write(link, 4) != 4) return false;
+  }
   hdr.freeListHead = offset;
   writeHeader();  // may lag, as after writePage
   return true;
@@ -543,11 +570,30 @@ bool BTreePageFile::freePage(int32_t offset) {
 
 bool BTreePageFile::writeHeader() {
   if (readOnly) return true;
-  if (file.Seek(0, 0) == -1) return false;
   hdr.keyCount = keyCount;
   unsigned char bytes[kBTreeHeaderSize];
   hdr.encode(bytes);
+  if (batching()) return journal->write(file, 0, bytes, kBTreeHeaderSize);
+  if (file.Seek(0, 0) == -1) return false;
   if (file.Write(bytes, kBTreeHeaderSize) != kBTreeHeaderSize) return false;
   file.Flush();
+  return true;
+}
+
+bool BTreePageFile::reloadHeader() {
+  unsigned char bytes[kBTreeHeaderSize];
+  if (file.Seek(offsetStart, 0) != offsetStart || file.Read(bytes, kBTreeHeaderSize) != kBTreeHeaderSize)
+    return false;
+  BTreePageFileHdr fresh;
+  fresh.decode(bytes);
+  if (fresh.magic != hdr.magic || fresh.version != hdr.version || fresh.order != hdr.order ||
+      fresh.keyLength != hdr.keyLength || fresh.compressed != hdr.compressed)
+    return false;
+  // The fields that older versions do not use stay as opening cleared them.
+  fresh.lcid = hdr.lcid;
+  fresh.mapFlags = hdr.mapFlags;
+  fresh.spaceConversion = hdr.spaceConversion;
+  hdr = fresh;
+  keyCount = hdr.keyCount;
   return true;
 }

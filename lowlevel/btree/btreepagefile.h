@@ -9,8 +9,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include "lowlevel/btree/btree_journal.h"
 #include "lowlevel/btree/btreepage.h"
 #include "lowlevel/files/file.h"
 
@@ -158,6 +160,14 @@ class BTreePageFile {
   int32_t compressedWritePosition;
   int16_t* keyLengthTable;
   int keyLengthTableSize;
+  // Present in crash-safe mode: while its batch is active, every read and write of the header
+  // and of records goes through it, and the destructor writes no header (a batch does).
+  std::unique_ptr<BTreeJournal> journal;
+  bool batching() const { return journal != nullptr && journal->active(); }
+  // Reads the header from the file again (after a batch was rolled back or another writer's
+  // batch); keyCount follows it. False, with nothing changed, when it cannot be read or is not
+  // the header of this tree.
+  bool reloadHeader();
 
  private:
   bool readUncompressedRecord(int32_t offset, BTreeRecord& record);
@@ -165,6 +175,10 @@ class BTreePageFile {
   unsigned char* ioSpace(size_t bytes);
   BTreePage* scratchPage();
   bool allocateKeyBuffer();
+  // The end of the file as the tree sees it (through the journal in a batch), -1 when unknown.
+  int32_t fileEnd();
+  // Reads the free-chain link at `at` (through the journal in a batch).
+  bool readLink(int32_t at, unsigned char* link);
 
   std::string name;  // the file's name as given, for reports
   unsigned char* ioBuffer = nullptr;  // a whole record going to or coming from the file

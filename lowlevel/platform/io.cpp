@@ -98,6 +98,7 @@ int open(const char* path, unsigned flags, unsigned permission) {
     return -1;
   }
   track(fd, S_ISREG(st.st_mode) && !(flags & kOpenAppend) ? std::make_shared<TrackedPosition>() : nullptr);
+  if (g_hook != nullptr) g_hook->opened(fd, path, flags);
   return fd;
 }
 
@@ -158,6 +159,11 @@ int write(int handle, const void* buffer, unsigned count) {
   count = allowedBytes(IoCall::Write, handle, count);
   const char* p = static_cast<const char*>(buffer);
   unsigned done = 0;
+  const int64_t start = at != nullptr ? at->position : -1;
+  struct Report {  // tells the hook what reached the file, however the loop ends
+    int handle; int64_t start; const char* data; const unsigned& done;
+    ~Report() { if (g_hook != nullptr && done > 0) g_hook->wrote(handle, start, data, done); }
+  } report{handle, start, p, done};
   while (done < count) {
     ssize_t n = at != nullptr ? ::pwrite(handle, p + done, count - done, static_cast<off_t>(at->position))
                               : ::write(handle, p + done, count - done);
@@ -264,6 +270,10 @@ IoFaultHook* setIoFaultHook(IoFaultHook* hook) {
   g_hook = hook;
   return previous;
 }
+
+IoFaultHook* ioFaultHook() { return g_hook; }
+
+void countSync() { ++g_counters.syncs; }
 
 IoCounters ioCounters() { return g_counters; }
 

@@ -74,9 +74,28 @@ bool sameFile(const char* pathA, const char* pathB);
 // Turns a path written with backslashes into one for the host system.
 void toHostPath(const char* path, char* out, unsigned capacity);
 
+// --- Durability and locks (crash-safe writers) ----------------------------------------------------
+
+// Makes everything written through the handle durable: it survives a power cut once this returns
+// 0 (fsync; FlushFileBuffers on Windows). -1 on failure.
+int sync(int handle);
+// Makes the existence of a file just created in the directory of `path` durable (a directory
+// sync where the system needs one). 0, or -1 on failure.
+int syncDirectoryOf(const char* path);
+// An exclusive advisory lock on the whole file, held until unlock or close. With `wait` false a
+// lock held through another open of the file gives -1 at once; with `wait` true the call waits.
+int lock(int handle, bool wait);
+int unlock(int handle);
+// Cuts or extends the file to `length` bytes. 0, or -1 on failure.
+int truncate(int handle, int32_t length);
+// Deletes the file and makes the deletion durable. 0, or -1 on failure (also when it is missing).
+int remove(const char* path);
+// True when `path` names an existing file. Not counted and not subject to the fault seam.
+bool exists(const char* path);
+
 // --- Fault seam -----------------------------------------------------------------------------------
 
-enum class IoCall { Open, Close, Read, Write, Seek, Tell, Length, Dup, Stat };
+enum class IoCall { Open, Close, Read, Write, Seek, Tell, Length, Dup, Stat, Sync, Lock, Truncate, Remove };
 
 // Installed by tests to make calls fail. Every call above asks the installed hook first.
 class IoFaultHook {
@@ -87,21 +106,33 @@ class IoFaultHook {
   // For Read and Write: how many of `count` bytes the call may move (a torn write or a short read).
   // Only asked when shouldFail said false.
   virtual unsigned limitBytes(IoCall /*call*/, int /*handle*/, unsigned count) { return count; }
+  // Told of every change after it is made, so that a test can keep a shadow of what a power cut
+  // would leave: an open (with its flags), the bytes of a write at their position (-1 when the
+  // layer does not know it), a sync, a truncation and a removal.
+  virtual void opened(int /*handle*/, const char* /*path*/, unsigned /*flags*/) {}
+  virtual void wrote(int /*handle*/, int64_t /*position*/, const void* /*data*/, unsigned /*count*/) {}
+  virtual void synced(int /*handle*/) {}
+  virtual void truncated(int /*handle*/, int32_t /*length*/) {}
+  virtual void removed(const char* /*path*/) {}
 };
 
 // Installs `hook` (null removes it) and returns the one it replaces. Not owned.
 IoFaultHook* setIoFaultHook(IoFaultHook* hook);
+// The installed hook, or null.
+IoFaultHook* ioFaultHook();
 
 // Process-wide count of calls made, for benchmarks that report system calls per operation.
 struct IoCounters {
   uint64_t opens = 0, closes = 0, reads = 0, writes = 0, seeks = 0, tells = 0, lengths = 0,
-           dups = 0, stats = 0;
+           dups = 0, stats = 0, syncs = 0;
   uint64_t total() const {
-    return opens + closes + reads + writes + seeks + tells + lengths + dups + stats;
+    return opens + closes + reads + writes + seeks + tells + lengths + dups + stats + syncs;
   }
 };
 IoCounters ioCounters();
 void resetIoCounters();
+// Counts one sync (the durability calls live beside this file, one file per system).
+void countSync();
 
 }  // namespace platform
 }  // namespace lowlevel

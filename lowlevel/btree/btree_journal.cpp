@@ -1,0 +1,312 @@
+// The rollback journal: overlay of a batch, flush through the journal, commit, rollback, recovery.
+#include "lowlevel/btree/btree_journal.h"
+
+#include <xxhash.h>
+
+#include <chrono>
+#include <cstring>
+
+#include "lowlevel/btree/btreepagefile.h"
+#include "lowlevel/files/file.h"
+#include "lowlevel/platform/io.h"
+
+namespace io = lowlevel::platform;
+
+namespace {
+
+constexpr char kMagic[8] = {'L', 'L', 'B', 'T', 'J', 'N', 'L', '1'};
+constexpr int kHeaderSize = 32;
+constexpr int kRecordHead = 8;   // offset, length; the data and a checksum follow
+
+void put32(unsigned char* out, uint32_t v) {
+  for (int i = 0; i < 4; ++i) out[i] = static_cast<unsigned char>(v >> (8 * i));
+}
+
+uint32_t get32(const unsigned char* in) {
+  return static_cast<uint32_t>(in[0]) | (static_cast<uint32_t>(in[1]) << 8) |
+         (static_cast<uint32_t>(in[2]) << 16) | (static_cast<uint32_t>(in[3]) << 24);
+}
+
+uint32_t checksum(const unsigned char* bytes, size_t count, uint32_t seed) {
+  return static_cast<uint32_t>(XXH64(bytes, count, seed));
+}
+
+uint32_t newSalt() {
+  static uint32_t counter = 0;
+  const uint64_t t = static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+  return static_cast<uint32_t>(XXH64(&t, sizeof t, ++counter)) | 1u;
+}
+
+bool writeAt(ZFile& file, int32_t position, const unsigned char* bytes, int count) {
+  return file.Seek(position, 0) == position && file.Write(bytes, count) == count;
+}
+
+bool readAt(ZFile& file, int32_t position, unsigned char* bytes, int count) {
+  return file.Seek(position, 0) == position && file.Read(bytes, count) == count;
+}
+
+// Puts back every sound record of `journal` into the tree, cuts the tree to its old length and
+// makes it durable. A record that is cut short or fails its checksum ends the list: it was being
+// written when the crash came, so the tree was not yet touched at its place.
+bool rollBack(ZFile& tree, const std::vector<unsigned char>& journal) {
+  const uint32_t salt = get32(journal.data() + 8);
+  const int32_t oldLength = static_cast<int32_t>(get32(journal.data() + 12));
+  size_t at = kHeaderSize;
+  while (journal.size() - at >= kRecordHead + 4) {
+    const unsigned char* r = journal.data() + at;
+    const int32_t offset = static_cast<int32_t>(get32(r));
+    const int32_t length = static_cast<int32_t>(get32(r + 4));
+    if (offset < 0 || length <= 0 || length > oldLength - offset ||
+        static_cast<size_t>(length) > journal.size() - at - kRecordHead - 4)
+      break;
+    if (get32(r + kRecordHead + length) != checksum(r, kRecordHead + static_cast<size_t>(length), salt))
+      break;
+    if (!writeAt(tree, offset, r + kRecordHead, length)) return false;
+    at += kRecordHead + static_cast<size_t>(length) + 4;
+  }
+  const int handle = tree.GetHandle();
+  return io::truncate(handle, oldLength) == 0 && io::sync(handle) == 0;
+}
+
+// The whole journal file, or false when it cannot be read.
+bool readJournal(const std::string& path, std::vector<unsigned char>& out) {
+  const int h = io::open(path.c_str(), io::kOpenBinary | io::kOpenReadOnly, 0);
+  if (h < 0) return false;
+  const int32_t size = io::filelength(h);
+  bool ok = size >= 0;
+  if (ok) {
+    out.resize(static_cast<size_t>(size));
+    ok = size == 0 || io::read(h, out.data(), static_cast<unsigned>(size)) == size;
+  }
+  io::close(h);
+  return ok;
+}
+
+bool soundHeader(const std::vector<unsigned char>& j) {
+  return j.size() >= static_cast<size_t>(kHeaderSize) && std::memcmp(j.data(), kMagic, 8) == 0 &&
+         get32(j.data() + 28) == checksum(j.data(), 28, 0) &&
+         static_cast<int32_t>(get32(j.data() + 12)) >= kBTreeHeaderSize;
+}
+
+}  // namespace
+
+size_t BTreeJournal::spillBytes = 8u << 20;
+
+BTreeJournal::BTreeJournal(std::string journalPath, int32_t recordSize)
+    : path_(std::move(journalPath)), recordSize_(recordSize) {}
+
+BTreeJournal::~BTreeJournal() {
+  if (journal_ >= 0) io::close(journal_);
+}
+
+std::string BTreeJournal::pathFor(const std::string& fileName) {
+  std::string path = fileName;
+  ZFile::ResolvePath(path, false, false);
+  char host[4096];
+  io::toHostPath(path.c_str(), host, sizeof host);
+  return std::string(host) + "-journal";
+}
+
+int32_t BTreeJournal::blockStart(int32_t position) const {
+  if (position < kBTreeHeaderSize) return 0;
+  return kBTreeHeaderSize + (position - kBTreeHeaderSize) / recordSize_ * recordSize_;
+}
+
+int32_t BTreeJournal::blockSize(int32_t start) const {
+  return start == 0 ? kBTreeHeaderSize : recordSize_;
+}
+
+bool BTreeJournal::begin(ZFile& tree, bool wait) {
+  if (active_) return false;
+  const int handle = tree.GetHandle();
+  if (io::lock(handle, wait) != 0) return false;
+  const int32_t length = tree.Length();
+  if (length < 0) {
+    io::unlock(handle);
+    return false;
+  }
+  lockedHandle_ = handle;
+  oldLength_ = treeLength_ = length;
+  salt_ = newSalt();
+  writes_ = 0;
+  active_ = true;
+  return true;
+}
+
+std::vector<unsigned char>* BTreeJournal::block(ZFile& tree, int32_t start) {
+  auto found = overlay_.find(start);
+  if (found != overlay_.end()) return &found->second;
+  const int32_t size = blockSize(start);
+  std::vector<unsigned char> bytes(static_cast<size_t>(size), 0);
+  if (start < treeLength_) {
+    const int32_t present = treeLength_ - start < size ? treeLength_ - start : size;
+    if (!readAt(tree, start, bytes.data(), present)) return nullptr;
+  }
+  overlayBytes_ += bytes.size();
+  return &overlay_.emplace(start, std::move(bytes)).first->second;
+}
+
+bool BTreeJournal::read(ZFile& tree, int32_t position, void* out, int count) {
+  unsigned char* to = static_cast<unsigned char*>(out);
+  while (count > 0) {
+    const int32_t start = blockStart(position);
+    const int32_t skip = position - start;
+    const int n = blockSize(start) - skip < count ? blockSize(start) - skip : count;
+    auto found = overlay_.find(start);
+    if (found != overlay_.end()) {
+      std::memcpy(to, found->second.data() + skip, static_cast<size_t>(n));
+    } else if (position + n > treeLength_ || !readAt(tree, position, to, n)) {
+      return false;
+    }
+    to += n;
+    position += n;
+    count -= n;
+  }
+  return true;
+}
+
+bool BTreeJournal::write(ZFile& tree, int32_t position, const void* in, int count) {
+  const unsigned char* from = static_cast<const unsigned char*>(in);
+  if (position < 0) return false;
+  ++writes_;
+  while (count > 0) {
+    const int32_t start = blockStart(position);
+    const int32_t skip = position - start;
+    const int n = blockSize(start) - skip < count ? blockSize(start) - skip : count;
+    std::vector<unsigned char>* bytes = block(tree, start);
+    if (bytes == nullptr) return false;
+    std::memcpy(bytes->data() + skip, from, static_cast<size_t>(n));
+    from += n;
+    position += n;
+    count -= n;
+  }
+  return overlayBytes_ < spillBytes || flush(tree);
+}
+
+int32_t BTreeJournal::length() const {
+  if (overlay_.empty()) return treeLength_;
+  const auto& last = *overlay_.rbegin();
+  const int32_t end = last.first + static_cast<int32_t>(last.second.size());
+  return end > treeLength_ ? end : treeLength_;
+}
+
+// The journal first: the original bytes of each block not yet in it, made durable; then the
+// blocks of the overlay into the tree (not yet durable).
+bool BTreeJournal::flush(ZFile& tree) {
+  if (overlay_.empty()) return true;
+  std::vector<unsigned char> out;
+  bool created = false;
+  if (journal_ < 0) {
+    journal_ = io::open(path_.c_str(),
+                        io::kOpenBinary | io::kOpenCreate | io::kOpenTruncate | io::kOpenReadWrite,
+                        io::kPermRead | io::kPermWrite);
+    if (journal_ < 0) return false;
+    created = true;
+    out.resize(kHeaderSize, 0);
+    std::memcpy(out.data(), kMagic, 8);
+    put32(out.data() + 8, salt_);
+    put32(out.data() + 12, static_cast<uint32_t>(oldLength_));
+    put32(out.data() + 16, static_cast<uint32_t>(recordSize_));
+    put32(out.data() + 28, checksum(out.data(), 28, 0));
+  }
+  for (const auto& entry : overlay_) {
+    const int32_t start = entry.first;
+    if (start >= oldLength_ || journaled_.count(start) != 0) continue;
+    const int32_t size = oldLength_ - start < blockSize(start) ? oldLength_ - start : blockSize(start);
+    const size_t at = out.size();
+    out.resize(at + kRecordHead + static_cast<size_t>(size) + 4);
+    unsigned char* r = out.data() + at;
+    put32(r, static_cast<uint32_t>(start));
+    put32(r + 4, static_cast<uint32_t>(size));
+    if (!readAt(tree, start, r + kRecordHead, size)) return false;
+    put32(r + kRecordHead + size, checksum(r, kRecordHead + static_cast<size_t>(size), salt_));
+    journaled_.insert(start);
+  }
+  if (!out.empty()) {
+    if (io::lseek(journal_, 0, 2) < 0 ||
+        io::write(journal_, out.data(), static_cast<unsigned>(out.size())) != static_cast<int>(out.size()) ||
+        io::sync(journal_) != 0 || (created && io::syncDirectoryOf(path_.c_str()) != 0))
+      return false;
+  }
+  for (const auto& entry : overlay_) {
+    if (!writeAt(tree, entry.first, entry.second.data(), static_cast<int>(entry.second.size())))
+      return false;
+    const int32_t end = entry.first + static_cast<int32_t>(entry.second.size());
+    if (end > treeLength_) treeLength_ = end;
+  }
+  overlay_.clear();
+  overlayBytes_ = 0;
+  return true;
+}
+
+void BTreeJournal::end(ZFile& tree) {
+  (void)tree;
+  overlay_.clear();
+  overlayBytes_ = 0;
+  journaled_.clear();
+  if (journal_ >= 0) io::close(journal_);
+  journal_ = -1;
+  if (lockedHandle_ >= 0) io::unlock(lockedHandle_);
+  lockedHandle_ = -1;
+  active_ = false;
+}
+
+bool BTreeJournal::commit(ZFile& tree) {
+  if (!active_) return false;
+  if (overlay_.empty() && journal_ < 0) {  // nothing was changed
+    end(tree);
+    return true;
+  }
+  if (!flush(tree) || io::sync(tree.GetHandle()) != 0) {
+    stuck_ = !rollback(tree);
+    return false;
+  }
+  io::close(journal_);
+  journal_ = -1;
+  // Deleting the journal is the commit. When it fails, the journal stays and rolls the batch back
+  // at the next open; the caller must treat the batch as not committed.
+  const bool removed = io::remove(path_.c_str()) == 0;
+  stuck_ = !removed;
+  end(tree);
+  return removed;
+}
+
+bool BTreeJournal::rollback(ZFile& tree) {
+  if (!active_) return false;
+  bool ok = true;
+  if (journal_ >= 0) {
+    // Blocks reached the tree: put the originals back from the journal as written.
+    io::close(journal_);
+    journal_ = -1;
+    std::vector<unsigned char> bytes;
+    ok = readJournal(path_, bytes) && soundHeader(bytes) && rollBack(tree, bytes) &&
+         io::remove(path_.c_str()) == 0;
+  }
+  stuck_ = !ok;
+  end(tree);
+  return ok;
+}
+
+BTreeJournal::Recovery BTreeJournal::recover(ZFile& tree, const std::string& journalPath,
+                                             bool writable) {
+  if (!io::exists(journalPath.c_str())) return Recovery::NoJournal;
+  const int handle = tree.GetHandle();
+  if (io::lock(handle, true) != 0) return Recovery::Failed;
+  Recovery result = Recovery::NoJournal;
+  std::vector<unsigned char> bytes;
+  if (!io::exists(journalPath.c_str())) {
+    result = Recovery::NoJournal;  // its writer committed or rolled back while we waited
+  } else if (!readJournal(journalPath, bytes)) {
+    result = Recovery::Failed;
+  } else if (!soundHeader(bytes)) {
+    result = !writable ? Recovery::Discarded
+             : io::remove(journalPath.c_str()) == 0 ? Recovery::Discarded : Recovery::Failed;
+  } else if (!writable) {
+    result = Recovery::NeedsWrite;
+  } else {
+    result = rollBack(tree, bytes) && io::remove(journalPath.c_str()) == 0 ? Recovery::RolledBack
+                                                                            : Recovery::Failed;
+  }
+  io::unlock(handle);
+  return result;
+}
