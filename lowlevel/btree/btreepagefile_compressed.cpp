@@ -55,7 +55,8 @@ bool BTreePageFile::WriteCompressed(BTreePage& page) {
   putInt32(bytes, page.parentOffset);
   putInt32(bytes, static_cast<int32_t>(page.keyCount));
   auto headOnly = [&]() {
-    return file.Write(bytes.data(), kBTreeCompressedPageHeadSize) == kBTreeCompressedPageHeadSize;
+    return writeThrough(page.offset, bytes.data(), kBTreeCompressedPageHeadSize) ==
+           kBTreeCompressedPageHeadSize;
   };
 
   if (!ensureKeyLengthTable()) {
@@ -94,7 +95,7 @@ bool BTreePageFile::WriteCompressed(BTreePage& page) {
   for (uint32_t i = 0; i < page.maxKeys; ++i) putInt32(bytes, page.values[i]);
   for (uint32_t i = 0; i < page.order; ++i) putInt32(bytes, page.children[i]);
   const int total = static_cast<int>(bytes.size());
-  if (file.Write(bytes.data(), total) != total) return false;
+  if (writeThrough(page.offset, bytes.data(), total) != total) return false;
 
   int32_t position = file.Position();
   if (position < 0) return false;
