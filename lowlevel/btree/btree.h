@@ -100,6 +100,8 @@ class BTree {
 
  private:
   friend struct BTreeTestAccess;
+  friend class BTreeBulkBuilder;
+  friend std::string btreeKeySlot(BTree& tree, const char* key, int length, int32_t value);
   friend bool compressBTree(const std::string& sourceName, const std::string& targetName);
   friend bool orderBTree(const std::string& sourceName, const std::string& targetName);
   friend bool repackBTree(const std::string& sourceName, const std::string& targetName, int order);
