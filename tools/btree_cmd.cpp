@@ -10,6 +10,7 @@
 
 #include "lowlevel/btree/btree.h"
 #include "lowlevel/btree/btreetools.h"
+#include "tools/bulkload.h"
 #include "tools/rawtree.h"
 #include "tools/salvage.h"
 #include "tools/tool.h"
@@ -130,7 +131,8 @@ int runCreate(ToolContext& ctx, const CreateOptions& o) {
 
 // --- load / put / get / del / replace -----------------------------------------------------------
 
-int runLoad(ToolContext& ctx, const std::string& file, const std::string& input, const KeyOptions& k) {
+int runLoad(ToolContext& ctx, const std::string& file, const std::string& input, const KeyOptions& k,
+            BulkLoadOptions bulk) {
   std::ifstream in;
   std::istream* src = &std::cin;
   int64_t total = -1;
@@ -144,6 +146,12 @@ int runLoad(ToolContext& ctx, const std::string& file, const std::string& input,
   }
   auto tree = openTree(file, false);
   if (!tree) return fail(kExitIo, "cannot open B-tree " + file + " for update");
+  if (bulkLoadApplies(*tree)) {
+    bulk.longKeys = k.longKeys;
+    bulk.hex = k.hex;
+    return bulkLoad(ctx.json, std::move(tree), file, locate(file), *src,
+                    input.empty() ? std::string("stdin") : input, bulk);
+  }
   Progress progress("loading " + file, total);
   std::string line;
   int64_t lineNo = 0, added = 0, refused = 0, bytes = 0;
@@ -655,8 +663,21 @@ void addBtreeCommands(CLI::App& app, ToolContext& ctx) {
   l->add_option("FILE", loadFile, "the B-tree file")->required();
   l->add_option("INPUT", loadInput, "lines to load (default: standard input)");
   addKeyOptions(l, loadKeys);
-  l->footer("Example: printf 'apple\\t1\\npear\\t2\\n' | lowlevel btree load words.btr");
-  onRun(l, ctx, [&ctx] { return runLoad(ctx, loadFile, loadInput, loadKeys); });
+  static BulkLoadOptions loadBulk;
+  static int64_t sortKiB = loadBulk.memoryBytes >> 10;
+  l->add_flag("--sorted", loadBulk.sorted,
+              "into an empty tree: the lines are in key order already (checked, not sorted)");
+  l->add_option("--sort-kib", sortKiB, "into an empty tree: KiB of lines sorted in memory before "
+                "sorted runs go to temporary files beside FILE")->capture_default_str();
+  l->add_option("--fill", loadBulk.fillPercent, "into an empty tree: percent of a page's keys to fill")
+      ->capture_default_str()->check(CLI::Range(50, 100));
+  l->footer("Example: printf 'apple\\t1\\npear\\t2\\n' | lowlevel btree load words.btr\n"
+            "An empty tree is built in one pass from the sorted lines; a tree with entries takes "
+            "them one at a time.");
+  onRun(l, ctx, [&ctx] {
+    loadBulk.memoryBytes = sortKiB << 10;
+    return runLoad(ctx, loadFile, loadInput, loadKeys, loadBulk);
+  });
 
   static std::string oneFile, oneKey, oneValue;
   static KeyOptions oneKeys;
