@@ -99,9 +99,9 @@ int BTreePageFile::writeThrough(int32_t position, const void* bytes, int length)
     cache.clear(cached);
   } else if (written != length) {
     cache.erase(cached, position);  // what the file holds there now is not known
-  } else if (length == layout.recordSize) {
-    cache.put(cached, position, data, static_cast<uint32_t>(length));
   } else {
+    // A page that is cached takes the new bytes; one that is not stays out (a bulk build or a
+    // long run of inserts would otherwise push out what reads brought in).
     cache.patch(cached, position, data, static_cast<uint32_t>(length));
   }
   if (cache.checkChanges()) io::fileIdentity(cacheHandle, &cached->stamp);
