@@ -11,6 +11,7 @@
 
 #include "lowlevel/btree/btree.h"
 #include "lowlevel/btree/btreetools.h"
+#include "tools/bulkload.h"
 #include "tools/rawtree.h"
 #include "tools/safe.h"
 #include "tools/salvage.h"
@@ -150,7 +151,7 @@ struct LoadOptions {
 };
 
 int runLoad(ToolContext& ctx, const std::string& file, const std::string& input, const KeyOptions& k,
-            const LoadOptions& o) {
+            const LoadOptions& o, BulkLoadOptions bulk) {
   if (o.batch < 1) return fail(kExitUsage, "bad --batch " + std::to_string(o.batch));
   std::ifstream in;
   std::istream* src = &std::cin;
@@ -165,6 +166,13 @@ int runLoad(ToolContext& ctx, const std::string& file, const std::string& input,
   }
   auto tree = openTree(file, false, 0, o.safe);
   if (!tree) return fail(kExitIo, cannotOpenTree(file, " for update"));
+  // A crash-safe load goes in committed batches, one key at a time.
+  if (!o.safe && bulkLoadApplies(*tree)) {
+    bulk.longKeys = k.longKeys;
+    bulk.hex = k.hex;
+    return bulkLoad(ctx.json, std::move(tree), file, locate(file), *src,
+                    input.empty() ? std::string("stdin") : input, bulk);
+  }
   Progress progress("loading " + file, total);
   std::string line;
   int64_t lineNo = 0, added = 0, refused = 0, bytes = 0;
@@ -826,8 +834,21 @@ void addBtreeCommands(CLI::App& app, ToolContext& ctx) {
   addKeyOptions(l, loadKeys);
   addSafeFlag(l, load.safe, true);
   l->add_option("--batch", load.batch, "with --safe: keys per committed batch (default 10000)");
-  l->footer("Example: printf 'apple\\t1\\npear\\t2\\n' | lowlevel btree load words.btr");
-  onRun(l, ctx, [&ctx] { return runLoad(ctx, loadFile, loadInput, loadKeys, load); });
+  static BulkLoadOptions loadBulk;
+  static int64_t sortKiB = loadBulk.memoryBytes >> 10;
+  l->add_flag("--sorted", loadBulk.sorted,
+              "into an empty tree: the lines are in key order already (checked, not sorted)");
+  l->add_option("--sort-kib", sortKiB, "into an empty tree: KiB of lines sorted in memory before "
+                "sorted runs go to temporary files beside FILE")->capture_default_str();
+  l->add_option("--fill", loadBulk.fillPercent, "into an empty tree: percent of a page's keys to fill")
+      ->capture_default_str()->check(CLI::Range(50, 100));
+  l->footer("Example: printf 'apple\\t1\\npear\\t2\\n' | lowlevel btree load words.btr\n"
+            "An empty tree is built in one pass from the sorted lines; a tree with entries takes "
+            "them one at a time.");
+  onRun(l, ctx, [&ctx] {
+    loadBulk.memoryBytes = sortKiB << 10;
+    return runLoad(ctx, loadFile, loadInput, loadKeys, load, loadBulk);
+  });
 
   static std::string oneFile, oneKey, oneValue;
   static KeyOptions oneKeys;

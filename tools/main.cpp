@@ -1,6 +1,7 @@
 // The `lowlevel` tool: B-tree index files, compressed files and command lines from the shell.
 #include <cstdio>
 
+#include "lowlevel/btree/btree.h"
 #include "tools/tool.h"
 
 int main(int argc, char** argv) {
@@ -12,6 +13,10 @@ int main(int argc, char** argv) {
                  "locations that logical paths (cd:\\..., c1:\\..., ed:\\...) resolve to");
   app.add_flag("--json", ctx.json, "machine-readable output");
   std::string location;
+  size_t cacheMiB = kBTreePageCacheDefaultSize >> 20;
+  app.add_option("--cache-mib", cacheMiB,
+                 "memory for B-tree pages kept between reads, in MiB (0: none)")
+      ->capture_default_str();
   app.add_option("--location", location,
                  "a location of the host file's [locations]: its directory goes in front of file "
                  "arguments that have no prefix");
@@ -41,6 +46,7 @@ int main(int argc, char** argv) {
   }
   setLowLevelSupportPtr(&ctx.host);
   setLocation(location);
+  setBTreePageCacheSize(cacheMiB << 20);
   int code = ctx.action ? ctx.action() : kExitUsage;
   setLowLevelSupportPtr(nullptr);
   return code;

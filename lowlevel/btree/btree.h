@@ -9,6 +9,7 @@
 #ifndef LOWLEVEL_BTREE_BTREE_H
 #define LOWLEVEL_BTREE_BTREE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -137,6 +138,8 @@ class BTree {
 
  private:
   friend struct BTreeTestAccess;
+  friend class BTreeBulkBuilder;
+  friend std::string btreeKeySlot(BTree& tree, const char* key, int length, int32_t value);
   friend bool compressBTree(const std::string& sourceName, const std::string& targetName);
   friend bool orderBTree(const std::string& sourceName, const std::string& targetName);
   friend bool repackBTree(const std::string& sourceName, const std::string& targetName, int order);
@@ -203,5 +206,29 @@ class BTree {
   int convertCapacity;
   bool batchSpoiled = false;  // a change of the open batch failed after writing
 };
+
+// --- Page cache (process-wide; off unless turned on). ---
+// With a size above 0, page records read from tree files stay in memory, shared by every BTree of
+// the process open on the same file (the same device and file number), up to `bytes` in all, the
+// least recently used going first (CLOCK). Every page and header write of a BTree goes to the file
+// and to the cache at once, so within the process nothing changes but speed: the same results,
+// reports, file bytes and calls of the support object. A read that the cache cannot answer goes to
+// the file as before, and its failure asks for the volume as before. A file closed by
+// ZFile::CloseAll loses its cached pages. Memory for cached pages stays within `bytes`, whatever
+// the size of the trees; a file's pages are dropped when its last BTree closes. 0 (the default)
+// turns the cache off and frees it.
+//
+// Other processes, and writes that do not go through a BTree of this process: nothing of theirs
+// is seen by default, just as the root page, which every BTree keeps in memory, is never read
+// again. With setBTreePageCacheCheck(true), each page read that the cache answers first asks the
+// system for the file's size and change time (one system call); when they differ from what this
+// process last saw, the file's cached pages are dropped and read afresh. A change that keeps the
+// size and falls within the file system's time resolution of this process's own last write can go
+// unseen; the root page held by a BTree is not refreshed either.
+constexpr size_t kBTreePageCacheDefaultSize = size_t{64} << 20;
+void setBTreePageCacheSize(size_t bytes);
+size_t getBTreePageCacheSize();
+void setBTreePageCacheCheck(bool on);
+bool getBTreePageCacheCheck();
 
 #endif

@@ -38,6 +38,7 @@ bool BTree::inBatch() { return pageFile != nullptr && pageFile->batching(); }
 
 bool BTree::reloadFromFile() {
   clearCurPage();
+  pageFile->cacheForget();
   return pageFile->reloadHeader() && pageFile->readPage(pageFile->hdr.rootOffset, *root);
 }
 
@@ -80,7 +81,10 @@ bool BTree::commitBatch() {
     abandonBatch();
     return false;
   }
-  if (pageFile->journal->commit(pageFile->file)) return true;
+  if (pageFile->journal->commit(pageFile->file)) {
+    pageFile->cacheForget();
+    return true;
+  }
   if (pageFile->journal->stuck()) {
     reporterLL("Unable to commit the batch; the next open of the BTree rolls it back (" +
                    fileName + ").",

@@ -127,6 +127,9 @@ BTreePageFile::BTreePageFile(const std::string& fileName, bool readOnly_, int32_
       reporterLL("Unable to roll back the interrupted batch (" + fileName + ").", kOpenFunction,
                  eReportError, kModule, __LINE__);
       return;
+    case BTreeJournal::Recovery::RolledBack:
+      cacheForget();
+      break;
     default: break;
   }
   if (file.Seek(offset, 0) != offset) {
@@ -230,9 +233,10 @@ BTreePageFile::BTreePageFile(const std::string& fileName, int order, int keyLeng
   hdr.lcid = lcid;
   hdr.mapFlags = mapFlags;
   hdr.spaceConversion = spaceConversion;
+  cacheTruncated();
   unsigned char bytes[kBTreeHeaderSize];
   hdr.encode(bytes);
-  if (file.Write(bytes, kBTreeHeaderSize) != kBTreeHeaderSize) {
+  if (writeThrough(0, bytes, kBTreeHeaderSize) != kBTreeHeaderSize) {
     reporterLL("Unable to write BTreePageFileHdr (" + fileName + ").", kOpenFunction,
                eReportError, kModule, __LINE__);
     return;
@@ -255,6 +259,7 @@ BTreePageFile::BTreePageFile(const std::string& fileName, int order, int keyLeng
 
 BTreePageFile::~BTreePageFile() {
   if (ok && journal == nullptr) writeHeader();
+  cacheDetach();
   std::free(keyBuffer);
   std::free(keyLengthTable);
   std::free(ioBuffer);
@@ -329,9 +334,28 @@ bool BTreePageFile::readRecord(int32_t offset, BTreeRecord& record) {
   if (hdr.order < 2 || hdr.keyLength < 1 || keyBuffer == nullptr) return false;
   const int64_t position = static_cast<int64_t>(offset) + offsetStart;
   if (offset < 0 || position > INT32_MAX) return false;
-  if (!batching() && file.Seek(static_cast<int32_t>(position), 0) != position) return false;
-  return hdr.compressed != 0 ? readCompressedRecord(offset, record)
-                             : readUncompressedRecord(offset, record);
+  // In a batch the journal's overlay is the truth: the shared cache is passed by.
+  if (batching()) {
+    return hdr.compressed != 0 ? readCompressedRecord(offset, record, nullptr, 0)
+                               : readUncompressedRecord(offset, record, nullptr);
+  }
+  BTreeCacheFile* cached = cacheForRead(static_cast<int32_t>(position));
+  if (cached != nullptr) {
+    uint32_t length = 0;
+    const unsigned char* bytes =
+        BTreePageCache::instance().find(cached, static_cast<int32_t>(position), &length);
+    if (bytes != nullptr) {
+      return hdr.compressed != 0 ? readCompressedRecord(offset, record, bytes, length)
+                                 : readUncompressedRecord(offset, record, bytes);
+    }
+  }
+  if (file.Seek(static_cast<int32_t>(position), 0) != position) return false;
+  const bool read = hdr.compressed != 0 ? readCompressedRecord(offset, record, nullptr, 0)
+                                        : readUncompressedRecord(offset, record, nullptr);
+  if (read && cached != nullptr) {
+    BTreePageCache::instance().put(cached, static_cast<int32_t>(position), ioBuffer, recordBytes);
+  }
+  return read;
 }
 
 bool BTreePageFile::decodeRecord(const BTreeRecord& record, BTreePage& page) {
@@ -370,14 +394,20 @@ void BTreePageFile::recycle(BTreePage& page) {
 BTreePageRecycler::~BTreePageRecycler() { file_.recycle(page_); }
 
 // The whole record in one read; its head is checked against what is asked and the header.
-bool BTreePageFile::readUncompressedRecord(int32_t offset, BTreeRecord& record) {
+bool BTreePageFile::readUncompressedRecord(int32_t offset, BTreeRecord& record,
+                                           const unsigned char* cached) {
   const int64_t recordSize = btreeRecordSize(hdr.order, hdr.keyLength);
   if (recordSize <= 0) return false;
-  unsigned char* bytes = ioSpace(static_cast<size_t>(recordSize));
-  if (bytes == nullptr) return false;
-  if (batching() ? !journal->read(file, offset, bytes, static_cast<int>(recordSize))
-                 : file.Read(bytes, static_cast<int>(recordSize)) != recordSize)
-    return false;
+  const unsigned char* bytes = cached;
+  if (bytes == nullptr) {
+    unsigned char* space = ioSpace(static_cast<size_t>(recordSize));
+    if (space == nullptr) return false;
+    if (batching() ? !journal->read(file, offset, space, static_cast<int>(recordSize))
+                   : file.Read(space, static_cast<int>(recordSize)) != recordSize)
+      return false;
+    recordBytes = static_cast<uint32_t>(recordSize);
+    bytes = space;
+  }
   // maxKeys and minKeys of the record are not trusted: the page is shaped by the header.
   const uint32_t order = static_cast<uint32_t>(hdr.order);
   const uint32_t keyCount = static_cast<uint32_t>(get32(bytes + 20));
@@ -397,7 +427,8 @@ bool BTreePageFile::readUncompressedRecord(int32_t offset, BTreeRecord& record) 
 // Two reads: the head with the key length table, then keys, values and children, whose size the
 // table tells. Nothing behind the record is read. The stored keys are expanded to full slots:
 // padded with zero bytes and, with duplicates, ended by the value big-endian.
-bool BTreePageFile::readCompressedRecord(int32_t offset, BTreeRecord& record) {
+bool BTreePageFile::readCompressedRecord(int32_t offset, BTreeRecord& record,
+                                         const unsigned char* cached, uint32_t cachedLength) {
   if (!ensureKeyLengthTable()) return false;
   const uint32_t maxKeys = static_cast<uint32_t>(hdr.order) - 1;
   const size_t valueBytes = 4 * static_cast<size_t>(maxKeys);
@@ -405,13 +436,20 @@ bool BTreePageFile::readCompressedRecord(int32_t offset, BTreeRecord& record) {
   const size_t headBytes = kBTreeCompressedPageHeadSize + static_cast<size_t>(keyLengthTableSize);
   const size_t most = headBytes + static_cast<size_t>(keyBufferSize) + valueBytes + childBytes;
   if (most > INT32_MAX) return false;
-  unsigned char* bytes = ioSpace(most);
-  if (bytes == nullptr) return false;
   if (expandedKeys == nullptr) {
     expandedKeys = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(keyBufferSize) + 1));
     if (expandedKeys == nullptr) return false;
   }
-  if (file.Read(bytes, static_cast<int>(headBytes)) != static_cast<int>(headBytes)) return false;
+  unsigned char* space = nullptr;
+  const unsigned char* bytes = cached;
+  if (cached == nullptr) {
+    space = ioSpace(most);
+    if (space == nullptr) return false;
+    if (file.Read(space, static_cast<int>(headBytes)) != static_cast<int>(headBytes)) return false;
+    bytes = space;
+  } else if (cachedLength < headBytes) {
+    return false;
+  }
   const uint32_t keyCount = static_cast<uint32_t>(get32(bytes + 8));
   if (get32(bytes) != offset || keyCount > maxKeys) return false;
 
@@ -430,8 +468,13 @@ bool BTreePageFile::readCompressedRecord(int32_t offset, BTreeRecord& record) {
   }
   if (total > keyBufferSize) return false;
   const size_t rest = static_cast<size_t>(total) + valueBytes + childBytes;
-  unsigned char* body = bytes + headBytes;
-  if (file.Read(body, static_cast<int>(rest)) != static_cast<int>(rest)) return false;
+  const unsigned char* body = bytes + headBytes;
+  if (cached == nullptr) {
+    if (file.Read(space + headBytes, static_cast<int>(rest)) != static_cast<int>(rest)) return false;
+    recordBytes = static_cast<uint32_t>(headBytes + rest);
+  } else if (cachedLength != headBytes + rest) {
+    return false;
+  }
 
   record.offset = offset;
   record.parentOffset = get32(bytes + 4);
@@ -516,9 +559,7 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
   }
   for (uint32_t i = 0; i < page.maxKeys; ++i, p += 4) put32(p, page.values[i]);
   for (uint32_t i = 0; i < page.order; ++i, p += 4) put32(p, page.children[i]);
-  if (batching() ? !journal->write(file, page.offset, record, static_cast<int>(recordSize))
-                 : file.Write(record, static_cast<int>(recordSize)) != recordSize)
-    return false;
+  if (writeThrough(page.offset, record, static_cast<int>(recordSize)) != recordSize) return false;
   if (isRoot) hdr.rootOffset = page.offset;
   // The page is on disk; the header follows it but may lag (its failure is not the page's: the
   // next header write, at the latest the one when the file is closed, brings it up to date).
@@ -557,12 +598,8 @@ bool BTreePageFile::freePage(int32_t offset) {
   if (offset < kBTreeHeaderSize) return false;
   unsigned char link[4];
   put32(link, hdr.freeListHead);
-  if (batching()) {
-    if (!journal->write(file, offset, link, 4)) return false;
-  } else {
-    if (file.Seek(offset, 0) != offset) return false;
-    if (file.Write(link, 4) != 4) return false;
-  }
+  if (!batching() && file.Seek(offset, 0) != offset) return false;
+  if (writeThrough(offset, link, 4) != 4) return false;
   hdr.freeListHead = offset;
   writeHeader();  // may lag, as after writePage
   return true;
@@ -573,9 +610,9 @@ bool BTreePageFile::writeHeader() {
   hdr.keyCount = keyCount;
   unsigned char bytes[kBTreeHeaderSize];
   hdr.encode(bytes);
-  if (batching()) return journal->write(file, 0, bytes, kBTreeHeaderSize);
+  if (batching()) return writeThrough(0, bytes, kBTreeHeaderSize) == kBTreeHeaderSize;
   if (file.Seek(0, 0) == -1) return false;
-  if (file.Write(bytes, kBTreeHeaderSize) != kBTreeHeaderSize) return false;
+  if (writeThrough(0, bytes, kBTreeHeaderSize) != kBTreeHeaderSize) return false;
   file.Flush();
   return true;
 }

@@ -14,6 +14,7 @@
 
 #include "lowlevel/btree/btree_journal.h"
 #include "lowlevel/btree/btreepage.h"
+#include "lowlevel/btree/btreepagecache.h"
 #include "lowlevel/files/file.h"
 
 constexpr int32_t kBTreeVersion1 = 0x00010100;
@@ -168,10 +169,23 @@ class BTreePageFile {
   // batch); keyCount follows it. False, with nothing changed, when it cannot be read or is not
   // the header of this tree.
   bool reloadHeader();
+  // Drops the shared cache's entries of this file: after a batch ended or was rolled back, or a
+  // cut-off batch was rolled back at open, what any page file cached of it may be stale.
+  void cacheForget();
 
  private:
-  bool readUncompressedRecord(int32_t offset, BTreeRecord& record);
-  bool readCompressedRecord(int32_t offset, BTreeRecord& record);
+  // `cached`: the record's bytes from the page cache; null reads them from the file position.
+  bool readUncompressedRecord(int32_t offset, BTreeRecord& record, const unsigned char* cached);
+  bool readCompressedRecord(int32_t offset, BTreeRecord& record, const unsigned char* cached,
+                            uint32_t cachedLength);
+  // The page cache (btreepagefile_cache.cpp). Every write of the file goes through writeThrough,
+  // which keeps the cached bytes equal to the file's.
+  BTreeCacheLayout cacheLayout() const;
+  BTreeCacheFile* cachedFile();
+  BTreeCacheFile* cacheForRead(int32_t position);
+  void cacheDetach();
+  void cacheTruncated();
+  int writeThrough(int32_t position, const void* bytes, int length);
   unsigned char* ioSpace(size_t bytes);
   BTreePage* scratchPage();
   bool allocateKeyBuffer();
@@ -185,6 +199,9 @@ class BTreePageFile {
   size_t ioBufferSize = 0;
   unsigned char* expandedKeys = nullptr;  // a compressed record's keys as full slots
   BTreePage spare{0, 0};  // the scratch page of the next read, kept to be reused
+  uint32_t recordBytes = 0;  // bytes of the record that the last read from the file took
+  BTreeCacheFile* cacheFile = nullptr;  // attached on first use while the cache is on
+  int cacheHandle = -1;                 // the handle the file had when attached
 };
 
 #endif

@@ -56,7 +56,8 @@ bool BTreePageFile::WriteCompressed(BTreePage& page) {
   putInt32(bytes, page.parentOffset);
   putInt32(bytes, static_cast<int32_t>(page.keyCount));
   auto headOnly = [&]() {
-    return file.Write(bytes.data(), kBTreeCompressedPageHeadSize) == kBTreeCompressedPageHeadSize;
+    return writeThrough(page.offset, bytes.data(), kBTreeCompressedPageHeadSize) ==
+           kBTreeCompressedPageHeadSize;
   };
 
   if (!ensureKeyLengthTable()) {
@@ -98,7 +99,7 @@ bool BTreePageFile::WriteCompressed(BTreePage& page) {
   if (!fitsFileLimit(page.offset, total)) {
     return refuseBeyondFileLimit(name, "BTreePageFile::WriteCompressed", kModule, __LINE__);
   }
-  if (file.Write(bytes.data(), total) != total) return false;
+  if (writeThrough(page.offset, bytes.data(), total) != total) return false;
 
   int32_t position = file.Position();
   if (position < 0) return false;

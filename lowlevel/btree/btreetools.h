@@ -11,7 +11,11 @@
 #ifndef LOWLEVEL_BTREE_BTREETOOLS_H
 #define LOWLEVEL_BTREE_BTREETOOLS_H
 
+#include <cstdint>
+#include <functional>
 #include <string>
+
+class BTree;
 
 // Writes a compressed, read-only copy of the tree `sourceName` to `targetName`: records cut down to
 // the bytes they hold, in depth-first order. Refuses a compressed source and trees whose key width
@@ -28,5 +32,44 @@ bool orderBTree(const std::string& sourceName, const std::string& targetName);
 // rules that insertion and deletion rely on: it is meant for reading. Keys wider than 1024 bytes
 // cannot be repacked.
 bool repackBTree(const std::string& sourceName, const std::string& targetName, int order);
+
+// One entry for bulkBuildBTree: the caller's key as insertKey takes it, and its value.
+struct BTreeBulkEntry {
+  const char* key = nullptr;
+  int length = 0;  // 0: a zero-terminated text
+  int32_t value = 0;
+};
+
+// The shape of the tree bulkBuildBTree makes, as the creating BTree constructor takes it, and how
+// full its pages are: `fillPercent` of order - 1 keys (kept between minKeys and order - 1).
+struct BTreeBulkShape {
+  int order = 64;
+  int keyLength = 16;
+  bool duplicates = false;
+  uint32_t lcid = 0;
+  uint32_t mapFlags = 0;
+  int16_t spaceConversion = 0;
+  int fillPercent = 100;
+};
+
+// Builds a new tree in `targetName` (replacing a file of that name) from exactly `count` entries
+// that `next` hands out one at a time (false: no more), in the order of the tree: their slots, after
+// the key conversion that insertKey applies, strictly ascending; with duplicates a key's entries
+// come in the order of their values as the slot stores them (big-endian, unsigned). Every page is
+// written once, depth-first, the root at 46 and each child behind its parent; all leaves lie at
+// one depth and every page but the root holds at least minKeys keys (for an even order, where no
+// such shape exists for a count, minKeys - 1, as a split leaves them). The result takes inserts and
+// deletes like any tree.
+//
+// Refused, with the 0-based position of the entry in `failedEntry` and a report: an entry whose
+// slot is below the one before ("out of order") or equal to it ("repeats"), fewer or more entries
+// than `count`. A shape the constructor refuses, or a failing write, is false with -1 there. After
+// any refusal the target's header is cleared, so that the file never opens as a tree.
+bool bulkBuildBTree(const std::string& targetName, const BTreeBulkShape& shape, int64_t count,
+                    const std::function<bool(BTreeBulkEntry&)>& next, int64_t* failedEntry);
+
+// The slot `tree` would store for a key (conversion, cut or padding, value tail), for callers that
+// sort entries for bulkBuildBTree. Empty when the tree is not ok.
+std::string btreeKeySlot(BTree& tree, const char* key, int length, int32_t value);
 
 #endif

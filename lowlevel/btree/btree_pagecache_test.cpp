@@ -1,0 +1,125 @@
+// The page cache changes nothing but speed: one random run of changes, lookups, walks, parked files
+// and a compressed copy gives the same answers, reports and file bytes with the cache off, tiny
+// (always evicting) and large. Warm lookups make no system call; change checks see another writer.
+#include <cstdint>
+#include <random>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "lowlevel/btree/btree.h"
+#include "lowlevel/btree/btreepagecache.h"
+#include "lowlevel/btree/btreetools.h"
+#include "lowlevel/files/file.h"
+#include "tests/testsupport/testing.h"
+
+namespace {
+
+std::string key(uint32_t n) { return "k" + std::to_string(n % 500); }
+
+std::string transcript(size_t cacheBytes) {
+  setBTreePageCacheSize(cacheBytes);
+  lltest::TempDir dir;
+  lltest::RecordingSupport host;
+  const std::string path = dir.file("t.btr");
+  std::string out;
+  std::mt19937 rng(7);
+  {
+    BTree tree(path, 5, 16, false, 0, 0, 0);
+    tree.insertKey(1, "k1", 0);
+    BTree reader(path, true, 0);  // shares the file's cached pages; its root stays as it was read
+    if (!reader.isOk()) return "reader";
+    for (int step = 0; step < 3000; ++step) {
+      const std::string k = key(rng());
+      int32_t v = static_cast<int32_t>(rng() % 1000);
+      bool r = false;
+      switch (rng() % 6) {
+        case 0: case 1: r = tree.insertKey(v, k.c_str(), 0); break;
+        case 2: r = tree.deleteKey(k.c_str(), 0); break;
+        case 3: r = tree.find(v, k.c_str(), 0) && tree.next(v) && tree.prev(v); break;
+        case 4: r = reader.findGreaterThanOrEqual(v, k.c_str(), 0) && reader.next(v); break;
+        default: r = tree.replaceValue(v, k.c_str(), 0); break;
+      }
+      out += std::to_string(r) + ":" + std::to_string(v) + " ";
+      if (step % 97 == 0) ZFile::CloseAll(ZFile::eAllFiles);
+      if (step % 10 == 0) out += std::to_string(std::hash<std::string>()(lltest::readFile(path)));
+      if (cacheBytes > 0 && BTreePageCache::instance().bytesUsed() > cacheBytes) return "over";
+    }
+    int32_t keys = 0, pages = 0, back = 0;
+    out += std::to_string(tree.test(false, &keys, &pages, &back)) + std::to_string(keys);
+  }
+  out += lltest::readFile(path);
+  {
+    BTree source(dir.file("s.btr"), 5, 20, false, 0, 0, 0);
+    for (uint32_t i = 0; i < 300; ++i) source.insertKey(static_cast<int32_t>(i), key(i * 7).c_str(), 0);
+  }
+  EXPECT_TRUE(compressBTree(dir.file("s.btr"), dir.file("c.btr")));
+  BTree packed(dir.file("c.btr"), true, 0);
+  if (!packed.isOk()) return "packed";
+  for (int pass = 0; pass < 2; ++pass) {
+    int32_t v = 0;
+    for (bool r = packed.first(v); r; r = packed.next(v)) out += std::to_string(v) + ",";
+  }
+  out += lltest::reportsText(host.reports);
+  setBTreePageCacheSize(0);
+  return out;
+}
+
+TEST(BTreePageCache, NothingChangesButSpeed) {
+  const std::string plain = transcript(0);
+  EXPECT_EQ(plain, transcript(4096));
+  EXPECT_EQ(plain, transcript(kBTreePageCacheDefaultSize));
+  EXPECT_EQ(0u, BTreePageCache::instance().bytesUsed());
+}
+
+TEST(BTreePageCache, WarmLookupMakesNoSystemCallAndClosingDropsThePages) {
+  namespace io = lowlevel::platform;
+  lltest::TempDir dir;
+  for (size_t size : {size_t{0}, kBTreePageCacheDefaultSize}) {
+    setBTreePageCacheSize(size);
+    {
+      BTree tree(dir.file("w.btr"), 8, 4, false, 0, 0, 0);
+      for (int32_t i = 0; i < 2000; ++i) ASSERT_TRUE(tree.insertKey(i, i * 7));
+      int32_t v = 0;
+      ASSERT_TRUE(tree.find(v, 700));
+      io::resetIoCounters();
+      ASSERT_TRUE(tree.find(v, 700));
+      EXPECT_EQ(100, v);
+      // Off: one read for each of the four levels below the root. On: nothing at all.
+      EXPECT_EQ(size == 0 ? 4u : 0u, size == 0 ? io::ioCounters().reads : io::ioCounters().total());
+    }
+    EXPECT_EQ(0u, BTreePageCache::instance().bytesUsed());
+  }
+  setBTreePageCacheSize(0);
+}
+
+// Another process is stood in for by bytes written past the library: the file of a tree with the
+// same shape and other values, longer by a few bytes (so the size tells even where the clock
+// cannot). Without checks the reader keeps what it cached; with them it reads the file afresh.
+TEST(BTreePageCache, ChangeChecksSeeAWriterOutsideTheProcess) {
+  lltest::TempDir dir;
+  auto build = [&](const std::string& name, int32_t bias) {
+    BTree tree(dir.file(name), 4, 4, false, 0, 0, 0);
+    for (int32_t i = 0; i < 200; ++i) tree.insertKey(i + bias, i);
+  };
+  build("a.btr", 0);
+  build("b.btr", 1000);
+  const std::string other = lltest::readFile(dir.file("b.btr")) + std::string(64, '\0');
+  for (bool check : {false, true}) {
+    build("t.btr", 0);
+    setBTreePageCacheSize(kBTreePageCacheDefaultSize);
+    setBTreePageCacheCheck(check);
+    BTree reader(dir.file("t.btr"), true, 0);
+    int32_t v = 0, depth = 0, index = 0;
+    ASSERT_TRUE(reader.find(v, 77));
+    ASSERT_TRUE(reader.getCurrentKeyDepthAndIndex(depth, index));
+    ASSERT_GT(depth, 0);
+    lltest::writeFile(dir.file("t.btr"), other);
+    ASSERT_TRUE(reader.find(v, 77));
+    EXPECT_EQ(check ? 1077 : 77, v);
+  }
+  setBTreePageCacheCheck(false);
+  setBTreePageCacheSize(0);
+}
+
+}  // namespace

@@ -1,0 +1,93 @@
+// The page cache shared by every page file of the process: page records by file and physical
+// position, bounded in bytes, evicted by the CLOCK policy. Internal to the BTree module; the public
+// switches are in btree.h. Not thread-safe, like the rest of the process-wide state of the library.
+#ifndef LOWLEVEL_BTREE_BTREEPAGECACHE_H
+#define LOWLEVEL_BTREE_BTREEPAGECACHE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "lowlevel/platform/fileid.h"
+
+// How a file's records are laid out for one page file: where the header stands and how long a
+// record is (-1: the compressed form, records of any length). Page files that see one file through
+// different layouts cannot share its entries safely; see BTreePageFile.
+struct BTreeCacheLayout {
+  int32_t headerPosition = 0;
+  int64_t recordSize = -1;
+  bool operator==(const BTreeCacheLayout& o) const {
+    return headerPosition == o.headerPosition && recordSize == o.recordSize;
+  }
+};
+
+// The entries of one file, shared by every page file attached to it.
+struct BTreeCacheFile {
+  uint64_t device = 0, number = 0;
+  int attached = 0;
+  BTreeCacheLayout layout;                   // set by the first page file to attach, or a creator
+  lowlevel::platform::FileIdentity stamp;    // size and change time last seen (change checks)
+  std::unordered_map<int32_t, uint32_t> index;  // physical position -> slot
+};
+
+class BTreePageCache {
+ public:
+  static BTreePageCache& instance();
+
+  size_t limit() const { return limit_; }
+  // Evicts down to the new limit; 0 empties the cache.
+  void setLimit(size_t bytes);
+  bool checkChanges() const { return check_; }
+  void setCheckChanges(bool on) { check_ = on; }
+  size_t bytesUsed() const { return used_; }
+
+  // The shared entries of the file `id` names, created for the first page file; null when no memory.
+  BTreeCacheFile* attach(const lowlevel::platform::FileIdentity& id, const BTreeCacheLayout& layout);
+  // The last page file to detach drops the file's entries.
+  void detach(BTreeCacheFile* file);
+
+  // The bytes cached at `position`, and their count in `length`; null when there are none.
+  const unsigned char* find(BTreeCacheFile* file, int32_t position, uint32_t* length) {
+    auto it = file->index.find(position);
+    if (it == file->index.end()) return nullptr;
+    Slot& slot = slots_[it->second];
+    slot.referenced = true;
+    *length = slot.length;
+    return slot.bytes.get();
+  }
+  // Puts a copy of `length` bytes at `position`, replacing what is there. Too large for the limit,
+  // or no memory: the position is left uncached.
+  void put(BTreeCacheFile* file, int32_t position, const unsigned char* bytes, uint32_t length);
+  // Overwrites the start of the entry at `position` with `length` bytes, when there is one that long.
+  void patch(BTreeCacheFile* file, int32_t position, const unsigned char* bytes, uint32_t length);
+  void erase(BTreeCacheFile* file, int32_t position);
+  void clear(BTreeCacheFile* file);
+  void clearAll();
+
+ private:
+  struct Slot {
+    BTreeCacheFile* file = nullptr;  // null: free
+    int32_t position = 0;
+    uint32_t length = 0;
+    bool referenced = false;
+    std::unique_ptr<unsigned char[]> bytes;
+  };
+  static size_t charge(uint32_t length) { return length + kSlotOverhead; }
+  void release(uint32_t slot);
+  bool evictOne();
+
+  static constexpr size_t kSlotOverhead = 64;  // the slot, the index node, the allocator's share
+  size_t limit_ = 0;
+  size_t used_ = 0;
+  bool check_ = false;
+  std::vector<Slot> slots_;
+  std::vector<uint32_t> freeSlots_;
+  size_t hand_ = 0;
+  std::map<std::pair<uint64_t, uint64_t>, std::unique_ptr<BTreeCacheFile>> files_;
+};
+
+#endif
