@@ -216,9 +216,9 @@ TEST(BTreePageFile, FailingCallsReport) {
     }
   }
   EXPECT_EQ(seen,
-            "1 Unable to create file\n4 Unable to write BTreePageFileHdr\n5 Unable to write root\n"
-            "6 Unable to write root\n1 Unable to open file\n6 Unable to seek to header in file\n"
-            "7 Unable to read BTreePageFileHdr\n8 Invalid BTree\n");
+            "1 Unable to create file\n5 Unable to write BTreePageFileHdr\n6 Unable to write root\n"
+            "7 Unable to write root\n1 Unable to open file\n7 Unable to seek to header in file\n"
+            "8 Unable to read BTreePageFileHdr\n9 Invalid BTree\n");
 }
 
 TEST(BTreePageFile, VersionsClearWhatTheyIgnore) {
