@@ -11,6 +11,8 @@
 //    every k, and only what was made durable survives, plus (by mode) nothing else, the later
 //    writes in order with the last one torn, or a random subset of them each torn at a random
 //    byte. The tree must open, pass the self-test and hold exactly the entries before the batch.
+//    Where a cut leaves a hot journal, the rollback at the next open is cut after each of its
+//    writes in turn, and the open after that must still give the entries before the batch.
 // 3. The kills of 1 against default-mode writers: how often the tree is unsound afterwards, and
 //    (with --tool) how many of the entries the tool's `btree salvage` recovers.
 // Exit status 0 when every crash-safe outcome held; the figures go to standard output.
