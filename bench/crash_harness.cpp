@@ -11,6 +11,8 @@
 //    every k, and only what was made durable survives, plus (by mode) nothing else, the later
 //    writes in order with the last one torn, or a random subset of them each torn at a random
 //    byte. The tree must open, pass the self-test and hold exactly the entries before the batch.
+//    Where a cut leaves a hot journal, the rollback at the next open is cut after each of its
+//    writes in turn, and the open after that must still give the entries before the batch.
 // 3. The kills of 1 against default-mode writers: how often the tree is unsound afterwards, and
 //    (with --tool) how many of the entries the tool's `btree salvage` recovers.
 // Exit status 0 when every crash-safe outcome held; the figures go to standard output.
@@ -198,7 +200,7 @@ class Machine : public io::IoFaultHook {
   void opened(int handle, const char* path, unsigned flags) override {
     names_[handle] = path;
     File& f = files_[path];
-    if (files_seen_.insert(path).second) f.durable = slurp(path);  // as synced before the run
+    if (files_seen_.insert(path).second) f.durable = readAll(path);  // as synced before the run
     if (flags & io::kOpenTruncate) f = File();  // creation counts as durable: its directory is synced
   }
   void wrote(int handle, int64_t position, const void* data, unsigned count) override {
@@ -238,7 +240,7 @@ class Machine : public io::IoFaultHook {
   }
 
  private:
-  static std::string slurp(const std::string& path) {
+  static std::string readAll(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
@@ -258,7 +260,37 @@ class Machine : public io::IoFaultHook {
   std::set<std::string> files_seen_;
 };
 
-struct CutFigures { int cuts = 0, failed = 0; };
+struct CutFigures { int cuts = 0, failed = 0, recoveryCuts = 0; };
+
+std::string slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// A power cut during the rollback of a hot journal, after each of its writes: the journal must
+// stay, and the next open must roll back again. Leaves the files as it found them.
+void cutRecovery(const std::string& path, const Model& expected, uint64_t seed, CutFigures& f) {
+  const std::string tree = slurp(path), journal = slurp(path + "-journal");
+  for (int j = 1;; ++j) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << tree;
+    std::ofstream(path + "-journal", std::ios::binary | std::ios::trunc) << journal;
+    Machine machine(j, seed + static_cast<uint64_t>(j));
+    io::setIoFaultHook(&machine);
+    { BTree t(path, false, 0); }
+    io::setIoFaultHook(nullptr);
+    if (machine.writes() < j) break;
+    machine.leave(0);
+    ++f.recoveryCuts;
+    Model got;
+    const std::string fault = readTree(path, got);
+    if (fault.empty() && got == expected) continue;
+    ++f.failed;
+    std::printf("  seed %llu, cut after write %d of a rollback: %s\n", static_cast<unsigned long long>(seed),
+                j, fault.empty() ? "entries differ from those before the batch" : fault.c_str());
+  }
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << tree;
+  std::ofstream(path + "-journal", std::ios::binary | std::ios::trunc) << journal;
+}
 
 // Batch `b` of `seed` on a tree that holds batches 0..b-1, cut after each of its writes in turn.
 void cutBatch(const std::string& path, uint64_t seed, int b, size_t spill, CutFigures& f) {
@@ -268,8 +300,7 @@ void cutBatch(const std::string& path, uint64_t seed, int b, size_t spill, CutFi
     Model m;
     for (int i = 0; i < b; ++i) runBatch(seed, i, m, &t);
   }
-  std::string before;
-  { std::ifstream in(path, std::ios::binary); before.assign(std::istreambuf_iterator<char>(in), {}); }
+  const std::string before = slurp(path);
   const Model expected = modelAfter(seed, b);
   BTreeJournal::spillBytes = spill;
   for (int k = 1;; ++k) {
@@ -298,6 +329,7 @@ void cutBatch(const std::string& path, uint64_t seed, int b, size_t spill, CutFi
       }
       machine.leave(mode);
       ++f.cuts;
+      if (mode == 1 && access((path + "-journal").c_str(), F_OK) == 0) cutRecovery(path, expected, seed, f);
       Model got;
       const std::string fault = readTree(path, got);
       if (fault.empty() && got == expected && access((path + "-journal").c_str(), F_OK) != 0) continue;
@@ -337,8 +369,8 @@ int main(int argc, char** argv) {
   for (int i = 0; i < cuts; ++i) {
     cutBatch(path, seed + static_cast<uint64_t>(i), 3 + i % 5, i % 2 == 0 ? 8u << 20 : 2048, cut);
   }
-  std::printf("crash-safe power cuts: %d cuts (every write of %d batches, three ways each), %d wrong\n",
-              cut.cuts, cuts, cut.failed);
+  std::printf("crash-safe power cuts: %d cuts (every write of %d batches, three ways each) and %d "
+              "cuts of the rollbacks they left, %d wrong\n", cut.cuts, cuts, cut.recoveryCuts, cut.failed);
 
   KillFigures plain;
   for (int i = 0; i < defaultKills; ++i) {

@@ -100,8 +100,11 @@ BTreeJournal::~BTreeJournal() {
 }
 
 std::string BTreeJournal::pathFor(const std::string& fileName) {
+  // Only a prefixed name is resolved: resolving asks the host, and an open of a plain name must
+  // not make calls that it did not make before crash-safe mode existed.
   std::string path = fileName;
-  ZFile::ResolvePath(path, false, false);
+  const size_t colon = path.find(':');
+  if (colon != std::string::npos && colon != 1) ZFile::ResolvePath(path, false, false);
   char host[4096];
   io::toHostPath(path.c_str(), host, sizeof host);
   return std::string(host) + "-journal";
