@@ -12,7 +12,7 @@ struct FileIdentity {
   uint64_t device = 0;  // device and file number: equal for every handle on one file
   uint64_t number = 0;
   int64_t size = 0;        // bytes
-  int64_t changeTime = 0;  // the later of the last data and status changes, in nanoseconds
+  int64_t changeTime = 0;  // the later of the last data and status changes (a stamp to compare)
 };
 
 // Fills `id` for the open `handle`: one system call. 0 on success, -1 on failure. Like sameFile, not

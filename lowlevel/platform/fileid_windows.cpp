@@ -15,10 +15,10 @@ int fileIdentity(int handle, FileIdentity* id) {
   id->device = info.dwVolumeSerialNumber;
   id->number = (static_cast<uint64_t>(info.nFileIndexHigh) << 32) | info.nFileIndexLow;
   id->size = static_cast<int64_t>((static_cast<uint64_t>(info.nFileSizeHigh) << 32) | info.nFileSizeLow);
-  // 100-nanosecond ticks; only compared with each other.
+  // In 100-nanosecond ticks, not nanoseconds: stamps are only compared with each other.
   id->changeTime = static_cast<int64_t>(
-      ((static_cast<uint64_t>(info.ftLastWriteTime.dwHighDateTime) << 32) |
-       info.ftLastWriteTime.dwLowDateTime) * 100);
+      (static_cast<uint64_t>(info.ftLastWriteTime.dwHighDateTime) << 32) |
+      info.ftLastWriteTime.dwLowDateTime);
   return 0;
 }
 
