@@ -511,6 +511,15 @@ TEST_F(ChangeTest, RebalancingRewritesExactlyTheRecordsItMust) {
 
 // A missing key changes nothing but drops the cursor; a tree with duplicates refuses the forms
 // without a value, with these reports, and leaves the cursor.
+// Arguments that are no key, and a slot too narrow for a value tail, find nothing to delete.
+TEST_F(ChangeTest, ArgumentsThatAreNoKeyDeleteNothing) {
+  BTree tree(path(), 3, 2, false, 0, 0, 0);
+  ASSERT_TRUE(tree.insertKey(1, "ab", 2));
+  EXPECT_FALSE(tree.deleteKey(1, "ab", 2) || tree.deleteKey(1, nullptr, 2) || tree.deleteKey(1, "ab", -1));
+  EXPECT_FALSE(tree.deleteKey(nullptr, 2) || tree.deleteKey("ab", -1));
+  EXPECT_EQ(tree.getKeyCount(), 1);
+}
+
 TEST_F(ChangeTest, RefusedChanges) {
   ASSERT_TRUE(shape.build(path(), threeLeaves({1}, {7}, {12}), 0));
   {
