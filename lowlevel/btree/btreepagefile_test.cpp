@@ -345,6 +345,13 @@ TEST(BTreePageFile, ReadOnlyAtAnOffsetAndWritesRefused) {
 
 TEST(BTreePageFile, CompressedRecordsRebuildSlots) {
   lltest::TempDir dir;
+  {  // a page of another shape is not written
+    BTreePageFile pf(dir.file("w.bt"), 3, 20, false, 0, 0, 0);
+    pf.hdr.compressed = 1;
+    BTreePage narrow(3, 8), wider(4, 20);
+    narrow.offset = wider.offset = 46;
+    EXPECT_FALSE(pf.WriteCompressed(narrow) || pf.WriteCompressed(wider));
+  }
   std::string hdr = lltest::readFile(makeEmpty(dir)).substr(0, 46);
   patch(hdr, 12, le32(20));
   hdr[22] = 1;
