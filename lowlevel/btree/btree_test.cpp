@@ -187,6 +187,12 @@ TEST(BTreeObject, SortKeyTreeFindsWithoutCaseAfterReopening) {
   EXPECT_EQ(btreetest::steps(t, "F N") + " " + std::to_string(t.getKeyCount()), "1 2 2");
   int32_t v = 0;
   EXPECT_TRUE(t.find(v, "aPPle", 0) && v == 1 && t.find(v, "BANANA", 0) && v == 2);
+  {  // the first conversion after opening, of a key that maps to one byte
+    BTree lower(dir.file("l.bt"), 3, 4, false, 0x409, lc::kLcmapLowercase, 1);
+    ASSERT_TRUE(lower.insertKey(5, "A", 1));
+  }
+  BTree lower(dir.file("l.bt"), true, 0);
+  EXPECT_TRUE(lower.find(v, "A", 1) && v == 5);
 }
 
 using btreetest::steps;
