@@ -187,6 +187,12 @@ TEST(BTreeObject, SortKeyTreeFindsWithoutCaseAfterReopening) {
   EXPECT_EQ(btreetest::steps(t, "F N") + " " + std::to_string(t.getKeyCount()), "1 2 2");
   int32_t v = 0;
   EXPECT_TRUE(t.find(v, "aPPle", 0) && v == 1 && t.find(v, "BANANA", 0) && v == 2);
+  {  // the first conversion after opening, of a key that maps to one byte
+    BTree lower(dir.file("l.bt"), 3, 4, false, 0x409, lc::kLcmapLowercase, 1);
+    ASSERT_TRUE(lower.insertKey(5, "A", 1));
+  }
+  BTree lower(dir.file("l.bt"), true, 0);
+  EXPECT_TRUE(lower.find(v, "A", 1) && v == 5);
 }
 
 using btreetest::steps;
@@ -511,6 +517,15 @@ TEST_F(ChangeTest, RebalancingRewritesExactlyTheRecordsItMust) {
 
 // A missing key changes nothing but drops the cursor; a tree with duplicates refuses the forms
 // without a value, with these reports, and leaves the cursor.
+// Arguments that are no key, and a slot too narrow for a value tail, find nothing to delete.
+TEST_F(ChangeTest, ArgumentsThatAreNoKeyDeleteNothing) {
+  BTree tree(path(), 3, 2, false, 0, 0, 0);
+  ASSERT_TRUE(tree.insertKey(1, "ab", 2));
+  EXPECT_FALSE(tree.deleteKey(1, "ab", 2) || tree.deleteKey(1, nullptr, 2) || tree.deleteKey(1, "ab", -1));
+  EXPECT_FALSE(tree.deleteKey(nullptr, 2) || tree.deleteKey("ab", -1));
+  EXPECT_EQ(tree.getKeyCount(), 1);
+}
+
 TEST_F(ChangeTest, RefusedChanges) {
   ASSERT_TRUE(shape.build(path(), threeLeaves({1}, {7}, {12}), 0));
   {

@@ -323,25 +323,35 @@ TEST(BTreePageFile, ReadOnlyAtAnOffsetAndWritesRefused) {
   lltest::TempDir dir;
   std::string tree = lltest::readFile(makeEmpty(dir));
   patch(tree, 24, le32(5));
-  lltest::writeFile(dir.file("big.bin"), std::string(1000, '\x5A') + tree + "tail");
+  // In front of the tree, a record that would be sound at offset -100: negative offsets are refused.
+  std::string front = std::string(1000, '\x5A');
+  patch(front, 900, le32(-100) + tree.substr(50));
+  lltest::writeFile(dir.file("big.bin"), front + tree + "tail");
   BTreePageFile pf(dir.file("big.bin"), true, 1000);
   ASSERT_TRUE(pf.ok);
   EXPECT_EQ(pf.keyCount, 5);
   BTreePage root(0, 0);
   ASSERT_TRUE(pf.readPage(46, root));
   EXPECT_EQ(root.order, 3u);
-  EXPECT_FALSE(pf.readPage(1046, root));
+  EXPECT_FALSE(pf.readPage(1046, root) || pf.readPage(-100, root));
   pf.keyCount = 9;
   EXPECT_TRUE(pf.writeHeader());
   EXPECT_FALSE(pf.writePage(root, true));
   EXPECT_FALSE(pf.freePage(46));
   BTreePage other(4, 4);
   EXPECT_FALSE(pf.writePage(other, false));
-  EXPECT_EQ(lltest::readFile(dir.file("big.bin")), std::string(1000, '\x5A') + tree + "tail");
+  EXPECT_EQ(lltest::readFile(dir.file("big.bin")), front + tree + "tail");
 }
 
 TEST(BTreePageFile, CompressedRecordsRebuildSlots) {
   lltest::TempDir dir;
+  {  // a page of another shape is not written
+    BTreePageFile pf(dir.file("w.bt"), 3, 20, false, 0, 0, 0);
+    pf.hdr.compressed = 1;
+    BTreePage narrow(3, 8), wider(4, 20);
+    narrow.offset = wider.offset = 46;
+    EXPECT_FALSE(pf.WriteCompressed(narrow) || pf.WriteCompressed(wider));
+  }
   std::string hdr = lltest::readFile(makeEmpty(dir)).substr(0, 46);
   patch(hdr, 12, le32(20));
   hdr[22] = 1;
