@@ -310,6 +310,8 @@ def main():
     ap.add_argument("--out", default=None, help="result file (default BUILD_DIR/results.txt)")
     ap.add_argument("--timeout", type=float, default=120, help="seconds per test program")
     ap.add_argument("--jobs", type=int, default=2)
+    ap.add_argument("--only", nargs="*", default=[],
+                    help="only these mutants of the sample, by id (e.g. the survivors of a run)")
     ap.add_argument("--list", action="store_true", help="print the sample and stop")
     ap.add_argument("--resume", action="store_true", help="keep the results already in --out")
     args = ap.parse_args()
@@ -320,7 +322,8 @@ def main():
     for d in dirs:
         if d not in SOURCE_DIRS:
             sys.exit("unknown directory %s (known: %s)" % (d, " ".join(SOURCE_DIRS)))
-    chosen = [m for m in picked if not dirs or module_dir(m["file"]) in dirs]
+    chosen = [m for m in picked if (not dirs or module_dir(m["file"]) in dirs)
+              and (not args.only or m["id"] in args.only)]
     if args.list:
         print("%d mutation points, %d in the sample, %d chosen" % (len(allm), len(picked),
                                                                     len(chosen)))
@@ -385,13 +388,18 @@ def main():
                 restorer.set(path, text)
                 with open(path, "w") as f:
                     f.write(mutated)
-                d = module_dir(m["file"])
-                ok, blog = build(build_dir, order[d], args.jobs, True)
-                if not ok:
-                    status, detail = "nocompile", ""
-                else:
-                    passed, failing = run_tests(root, build_dir, order[d], args.timeout)
-                    status, detail = ("survived", "") if passed else ("killed", failing)
+                # Each test program is linked just before it runs, so that a mutant killed by
+                # the first (fastest) one costs one link only.
+                status, detail = "survived", ""
+                for n, t in enumerate(order[module_dir(m["file"])]):
+                    ok, blog = build(build_dir, [t], args.jobs, True)
+                    if not ok:
+                        status, detail = "nocompile", t
+                        break
+                    passed, failing = run_tests(root, build_dir, [t], args.timeout)
+                    if not passed:
+                        status, detail = "killed", failing
+                        break
                 restorer.restore()
             line = "%-9s %s %s%s" % (status, m["id"], describe(m),
                                      (" (" + detail + ")") if detail else "")

@@ -1,14 +1,13 @@
-// Random insertions mirrored in an ordered map of slot bytes: after every phase the tree must hold
-// exactly the map, found key by key, walked in both directions from the ends and from random
-// findGreaterThanOrEqual positions, with sound pages and parent links.
-//
-// LOWLEVEL_BTREE_MODEL_KEYS sets the number of insertions per configuration (default: a few
-// thousand, fewer for the widest pages).
-#include <algorithm>
+// Seeded scripts of insertions, deletions and value replacements, mirrored in an ordered map of slot
+// bytes (the key cut or padded to the slot, and with duplicates the value as a big-endian tail).
+// Every answer must match the map; at checkpoints the whole tree must too: counts, walks both ways
+// from the ends and from findGreaterThanOrEqual positions, every lookup, sound pages and parent
+// links, and every record of the file either in the tree or on the free chain.
 #include <cstdint>
-#include <cstdlib>
+#include <filesystem>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -21,191 +20,212 @@
 
 namespace {
 
-enum class Keys { Binary, Text, Long };
+using btreetest::be4;
+using Model = std::map<std::string, int32_t>;
 
+// Number: 4 bytes from a small space, so deletions hit. Binary: few distinct bytes, zero among
+// them, up to 3 bytes cut off. Text: terminated, length 0. Wide: a 48-byte slot with a long
+// common prefix.
+enum class Keys { Number, Binary, Text, Wide };
 struct Config {
   int order;
   Keys keys;
-  bool duplicates;
+  bool dups;
 };
 
-std::string name(const Config& c) {
-  const char* kind = c.keys == Keys::Binary ? "Binary" : c.keys == Keys::Text ? "Text" : "Long";
-  return "Order" + std::to_string(c.order) + kind + (c.duplicates ? "Dups" : "");
-}
-
-int keyWidth(Keys keys) { return keys == Keys::Binary ? 8 : keys == Keys::Text ? 6 : 48; }
-
-using btreetest::be4;
-
-// A caller's key: its bytes, and the length argument that goes with them (0: terminated text).
 struct Key {
   std::string bytes;
-  int length;
+  int length;  // as the caller passes it; 0 means terminated text
 };
 
-Key randomKey(Keys kind, std::mt19937& rng) {
-  auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
-  Key key;
-  switch (kind) {
-    case Keys::Binary: {
-      // Few distinct bytes, zero among them, so keys share prefixes and collide; up to 3 bytes
-      // longer than the slot, which are cut.
-      static const unsigned char alphabet[] = {0x00, 0x01, 0x7F, 0x80, 0xFF};
-      int n = 1 + pick(11);
-      for (int i = 0; i < n; ++i)
-        key.bytes += static_cast<char>(pick(4) == 0 ? pick(256) : alphabet[pick(5)]);
-      key.length = n;
-      break;
-    }
-    case Keys::Text: {
-      int n = 1 + pick(4);
-      for (int i = 0; i < n; ++i) key.bytes += static_cast<char>('a' + pick(4));
-      key.length = 0;
-      break;
-    }
-    case Keys::Long: {
-      key.bytes = "a long common prefix of many keys/";
-      int n = pick(30);
-      for (int i = 0; i < n; ++i) key.bytes += static_cast<char>('0' + pick(10));
-      key.length = pick(2) == 0 ? 0 : static_cast<int>(key.bytes.size());
-      break;
-    }
-  }
-  return key;
-}
-
-class ModelTest : public ::testing::TestWithParam<Config> {
+class BTreeModel : public ::testing::TestWithParam<Config> {
  protected:
   void SetUp() override {
-    config = GetParam();
-    width = keyWidth(config.keys);
-    rng.seed(static_cast<unsigned>(config.order * 31 + static_cast<int>(config.keys) * 7 +
-                                   (config.duplicates ? 3 : 0)));
-    path = dir.file("model.bt");
+    c = GetParam();
+    width = c.keys == Keys::Number ? 4 : c.keys == Keys::Binary ? 8 : c.keys == Keys::Text ? 6 : 48;
+    target = c.order * 3 > 220 ? c.order * 3 : 220;
+    rng.seed(static_cast<unsigned>(c.order * 31 + static_cast<int>(c.keys) * 7 + c.dups));
+    tree = std::make_unique<BTree>(path(), c.order, width, c.dups, 0u, 0u, int16_t{0});
+    ASSERT_TRUE(tree->isOk());
   }
+  std::string path() const { return dir.file("m.bt"); }
+  int pick(int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); }
 
-  // The slot a key and value occupy: cut or padded to the width, value tail with duplicates.
-  std::string slot(const Key& key, int32_t value) const {
-    std::string s = key.bytes.substr(0, static_cast<size_t>(width));
+  Key randomKey() {
+    Key k{"", 0};
+    if (c.keys == Keys::Number) {
+      k.bytes = be4(static_cast<uint32_t>(pick(2 * target)));
+      k.length = 4;
+    } else if (c.keys == Keys::Binary) {
+      static const unsigned char alphabet[] = {0x00, 0x01, 0x7F, 0x80, 0xFF};
+      for (int i = 1 + pick(11); i > 0; --i)
+        k.bytes += static_cast<char>(pick(4) == 0 ? pick(256) : alphabet[pick(5)]);
+      k.length = static_cast<int>(k.bytes.size());
+    } else if (c.keys == Keys::Text) {
+      for (int i = 1 + pick(4); i > 0; --i) k.bytes += static_cast<char>('a' + pick(4));
+    } else {
+      k.bytes = "a long common prefix of many keys/";
+      for (int i = pick(30); i > 0; --i) k.bytes += static_cast<char>('0' + pick(10));
+      k.length = pick(2) == 0 ? 0 : static_cast<int>(k.bytes.size());
+    }
+    return k;
+  }
+  int32_t randomValue() {
+    if (c.dups && pick(3) == 0) return pick(4) - 2;  // collisions, and values with the sign bit
+    return static_cast<int32_t>(rng());
+  }
+  std::string slot(const Key& k, int32_t value) const {
+    std::string s = k.bytes.substr(0, static_cast<size_t>(width));
     s.resize(static_cast<size_t>(width), '\0');
-    if (config.duplicates) s += be4(static_cast<uint32_t>(value));
-    return s;
+    return c.dups ? s + be4(static_cast<uint32_t>(value)) : s;
   }
-  std::string visible(const std::string& slotBytes) const {
-    return slotBytes.substr(0, static_cast<size_t>(width));
-  }
-  std::string current(BTree& tree) {
+  std::string visible(const std::string& s) const { return s.substr(0, static_cast<size_t>(width)); }
+  // A key of the model as a caller gives it: the whole visible slot.
+  Key asKey(const std::string& s) const { return {visible(s), width}; }
+  std::string current() {
     char buffer[64];
     int length = sizeof buffer;
-    if (!tree.getCurrentKey(buffer, length)) return "<none>";
-    return std::string(buffer, static_cast<size_t>(length));
+    return tree->getCurrentKey(buffer, length) ? std::string(buffer, static_cast<size_t>(length)) : "-";
   }
 
-  void insertRandom(BTree& tree, int count) {
-    for (int i = 0; i < count; ++i) {
-      Key key = randomKey(config.keys, rng);
-      int32_t value = static_cast<int32_t>(rng());
-      if (config.duplicates && rng() % 3 == 0) value = static_cast<int32_t>(rng() % 4) - 2;
-      const std::string s = slot(key, value);
-      const bool fresh = model.find(s) == model.end();
-      ASSERT_EQ(tree.insertKey(value, key.bytes.data(), key.length), fresh) << i;
-      if (fresh) {
-        model[s] = value;
-        callers[s] = key;
+  // One random operation, its answer checked against the model.
+  void step(int insertShare) {
+    const int roll = pick(100);
+    Key k = randomKey();
+    int32_t v = randomValue();
+    if (roll >= insertShare && !model.empty() && roll % 3 != 0) {  // an entry that is there
+      auto it = std::next(model.begin(), pick(static_cast<int>(model.size())));
+      k = asKey(it->first);
+      v = it->second;
+    }
+    const std::string s = slot(k, v);
+    auto at = model.find(s);
+    if (roll < insertShare) {
+      const auto before = std::filesystem::file_size(path());
+      ASSERT_EQ(tree->insertKey(v, k.bytes.data(), k.length), at == model.end()) << "insert";
+      if (at == model.end()) model[s] = v;
+      // The file grows only once the free chain is used up.
+      if (std::filesystem::file_size(path()) != before) {
+        ASSERT_EQ(BTreeTestAccess::pageFile(*tree)->hdr.freeListHead, -1);
       }
+    } else if (!c.dups && roll % 5 == 0) {
+      ASSERT_EQ(tree->replaceValue(v ^ 0x5A5A, k.bytes.data(), k.length), at != model.end()) << "replace";
+      if (at != model.end()) at->second = v ^ 0x5A5A;
+    } else {
+      const bool done = c.dups ? tree->deleteKey(v, k.bytes.data(), k.length)
+                               : tree->deleteKey(k.bytes.data(), k.length);
+      ASSERT_EQ(done, at != model.end()) << "delete";
+      if (done) model.erase(at);
     }
   }
 
-  // From `at`, where the cursor stands, `steps` entries forward and then twice as many back, or
+  // From the entry `it` where the cursor stands, `n` steps forward and then back to the start, or
   // until an end of the tree, where the step must answer false.
-  void walkFrom(BTree& tree, std::map<std::string, int32_t>::const_iterator it, int steps) {
+  void walkFrom(Model::const_iterator it, int n) {
     std::string want, got;
-    for (int i = 0; i < 3 * steps; ++i) {
-      const bool back = i >= steps;
+    for (int i = 0; i < 3 * n; ++i) {
+      const bool back = i >= n;
       const bool more = back ? it != model.begin() : std::next(it) != model.end();
       if (more) it = back ? std::prev(it) : std::next(it);
       want += more ? visible(it->first) + "=" + std::to_string(it->second) + " " : "-";
       int32_t v = 0;
-      got += (back ? tree.prev(v) : tree.next(v)) ? current(tree) + "=" + std::to_string(v) + " " : "-";
+      got += (back ? tree->prev(v) : tree->next(v)) ? current() + "=" + std::to_string(v) + " " : "-";
       if (!more) break;
     }
     ASSERT_EQ(got, want);
   }
 
-  void verify(BTree& tree) {
+  void verify() {
     SCOPED_TRACE(model.size());
     std::vector<btreetest::Entry> expected;
-    for (const auto& entry : model) expected.emplace_back(visible(entry.first), entry.second);
-    ASSERT_EQ(btreetest::checkModel(tree, expected, config.order % 2 == 0), "");
+    for (const auto& e : model) expected.emplace_back(visible(e.first), e.second);
+    ASSERT_EQ(btreetest::checkModel(*tree, expected, c.order % 2 == 0), "");
     int32_t v = 0;
-    for (const auto& entry : model) {  // with duplicates, found at the lowest value
-      const Key& key = callers[entry.first];
-      ASSERT_TRUE(tree.find(v, key.bytes.data(), key.length)) << visible(entry.first);
-      ASSERT_EQ(v, model.lower_bound(slot(key, 0))->second);
-      ASSERT_EQ(current(tree), visible(entry.first));
+    for (const auto& e : model) {  // with duplicates, found at the lowest value
+      ASSERT_TRUE(tree->find(v, visible(e.first).data(), width));
+      ASSERT_EQ(v, model.lower_bound(visible(e.first) + (c.dups ? be4(0) : ""))->second);
+      ASSERT_EQ(current(), visible(e.first));
     }
-    // Random probes: the cursor lands on the first entry at or after the probe and walks on.
-    for (int i = 0; i < 200; ++i) {
-      Key probe = randomKey(config.keys, rng);
+    for (int i = 0; i < 60; ++i) {  // the cursor lands on the first entry at or after the probe
+      Key probe = randomKey();
       auto at = model.lower_bound(slot(probe, 0));
-      bool landed = tree.findGreaterThanOrEqual(v, probe.bytes.data(), probe.length);
+      const bool landed = tree->findGreaterThanOrEqual(v, probe.bytes.data(), probe.length);
       ASSERT_EQ(landed, at != model.end());
       if (!landed) {
-        EXPECT_EQ(current(tree), "<none>");
+        ASSERT_EQ(current(), "-");
         continue;
       }
-      ASSERT_EQ(v, at->second);
-      ASSERT_EQ(current(tree), visible(at->first));
-      if (i % 10 == 0) walkFrom(tree, at, 12);
-      const bool present = at->first.compare(0, static_cast<size_t>(width), slot(probe, 0), 0,
-                                             static_cast<size_t>(width)) == 0;
-      ASSERT_EQ(tree.find(v, probe.bytes.data(), probe.length), present);
+      ASSERT_EQ(current() + "=" + std::to_string(v), visible(at->first) + "=" + std::to_string(at->second));
+      if (i % 10 == 0) {
+        ASSERT_NO_FATAL_FAILURE(walkFrom(at, 8));
+      }
+      ASSERT_EQ(tree->find(v, probe.bytes.data(), probe.length), visible(at->first) == visible(slot(probe, 0)));
     }
+    // Every record is reached from the root or lies on the free chain.
+    BTreePageFile* pf = BTreeTestAccess::pageFile(*tree);
+    const std::string file = lltest::readFile(path());
+    const int64_t records = (static_cast<int64_t>(file.size()) - kBTreeHeaderSize) /
+                            btreeRecordSize(pf->hdr.order, pf->hdr.keyLength);
+    int32_t pages = 0, free = 0;
+    ASSERT_EQ(BTreeTestAccess::checkTree(*tree, true, &pages), "");
+    for (int32_t at = pf->hdr.freeListHead; at != -1 && free <= records; ++free)
+      at = btreetest::field(file, static_cast<size_t>(at));
+    ASSERT_EQ(pages + free, records);
   }
 
-  int insertions() const {
-    if (const char* env = std::getenv("LOWLEVEL_BTREE_MODEL_KEYS")) return std::max(2, std::atoi(env));
-    return config.order >= 64 ? 1500 : 3000;
+  void runUntil(size_t size, int insertShare) {
+    for (int n = 1; model.size() != size && n < 40000 && !HasFatalFailure(); ++n) {
+      step(insertShare);
+      if (n % 150 == 0 && !HasFatalFailure()) verify();
+    }
+    if (!HasFatalFailure()) verify();
+  }
+  void reopen() {
+    tree.reset();
+    tree = std::make_unique<BTree>(path(), false, 0);
+    ASSERT_TRUE(tree->isOk());
+    ASSERT_EQ(tree->getKeyCount(), static_cast<int>(model.size())) << "count written on closing";
   }
 
-  Config config;
+  Config c{};
   int width = 0;
+  int target = 0;
   std::mt19937 rng;
   lltest::TempDir dir;
-  std::string path;
-  std::map<std::string, int32_t> model;  // slot bytes -> value
-  std::map<std::string, Key> callers;    // slot bytes -> the key as the caller gave it
+  std::unique_ptr<BTree> tree;
+  Model model;
 };
 
-TEST_P(ModelTest, TreeMatchesTheModelAcrossReopening) {
-  const int total = insertions();
-  {
-    BTree tree(path, config.order, width, config.duplicates, 0u, 0u, int16_t{0});
-    ASSERT_TRUE(tree.isOk());
-    ASSERT_NO_FATAL_FAILURE(insertRandom(tree, total / 2));
-    ASSERT_NO_FATAL_FAILURE(verify(tree));
-  }
-  BTree tree(path, false, 0);
-  ASSERT_TRUE(tree.isOk());
-  ASSERT_EQ(tree.getKeyCount(), static_cast<int>(model.size())) << "count written on closing";
-  ASSERT_NO_FATAL_FAILURE(insertRandom(tree, total - total / 2));
-  ASSERT_NO_FATAL_FAILURE(verify(tree));
+TEST_P(BTreeModel, GrowShrinkAndRegrowAcrossReopening) {
+  ASSERT_NO_FATAL_FAILURE(runUntil(static_cast<size_t>(target), 75));
+  ASSERT_NO_FATAL_FAILURE(reopen());
+  ASSERT_NO_FATAL_FAILURE(runUntil(0, 30));
+  ASSERT_NO_FATAL_FAILURE(runUntil(static_cast<size_t>(target) / 2, 90));
+  ASSERT_NO_FATAL_FAILURE(reopen());
+  ASSERT_NO_FATAL_FAILURE(runUntil(0, 10));
+  int32_t value = 0;
+  EXPECT_EQ(tree->depth(), 0);
+  EXPECT_FALSE(tree->first(value));
 }
 
 std::vector<Config> configs() {
   std::vector<Config> out;
-  for (int order : {2, 3, 4, 5, 7, 8, 16, 64, 255}) {
-    out.push_back({order, Keys::Binary, false});
-    out.push_back({order, Keys::Text, true});
-  }
-  for (int order : {3, 8, 255}) out.push_back({order, Keys::Long, false});
-  out.push_back({16, Keys::Long, true});
+  for (int order : {2, 3, 4, 5, 8, 16, 64}) out.push_back({order, Keys::Number, false});
+  for (int order : {3, 4, 5, 16}) out.push_back({order, Keys::Number, true});
+  for (int order : {3, 5, 8, 255}) out.push_back({order, Keys::Binary, false});
+  for (int order : {2, 3, 4, 7, 255}) out.push_back({order, Keys::Text, true});
+  for (int order : {3, 8}) out.push_back({order, Keys::Wide, false});
+  out.push_back({16, Keys::Wide, true});
   out.push_back({5, Keys::Binary, true});
   return out;
 }
 
-INSTANTIATE_TEST_SUITE_P(Shapes, ModelTest, ::testing::ValuesIn(configs()),
-                         [](const ::testing::TestParamInfo<Config>& info) { return name(info.param); });
+std::string name(const ::testing::TestParamInfo<Config>& info) {
+  const char* kinds[] = {"Number", "Binary", "Text", "Wide"};
+  return "Order" + std::to_string(info.param.order) + kinds[static_cast<int>(info.param.keys)] +
+         (info.param.dups ? "Dups" : "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Shapes, BTreeModel, ::testing::ValuesIn(configs()), name);
 
 }  // namespace

@@ -208,6 +208,16 @@ inline std::string checkModel(BTree& tree, const std::vector<Entry>& expected, b
   return "";
 }
 
+// Creates a tree at `path` holding `entries` (keys by their exact bytes).
+inline bool makeTree(const std::string& path, int order, int width, bool duplicates,
+                     const std::vector<Entry>& entries) {
+  BTree tree(path, order, width, duplicates, 0, 0, 0);
+  bool ok = tree.isOk();
+  for (const Entry& e : entries)
+    ok = ok && tree.insertKey(e.second, e.first.data(), static_cast<int>(e.first.size()));
+  return ok;
+}
+
 // Hand-built files of 4-byte-slot trees. A record's `parent` and `kids` are record numbers (-1:
 // none); record n lies at 46 + n x record size. Key k without duplicates is 00 00 00 k, value 100+k.
 struct Slot {

@@ -1,0 +1,592 @@
+// The BTree object: construction and its refusals, the accessors, key conversion; lookups and the
+// cursor they leave, the whole-tree walks and every walk over corrupt links; and changes checked
+// against the exact records expected (splits, every rebalancing case, refusals with their
+// reports). Cursor scripts are run by btreetest::steps (see its letters).
+#include "lowlevel/btree/btree.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "lowlevel/btree/btree_testing.h"
+#include "lowlevel/platform/lcmap.h"
+#include "tests/testsupport/testing.h"
+
+namespace {
+
+using T = BTreeTestAccess;
+namespace lc = lowlevel::platform;
+
+static_assert(!std::is_copy_constructible<BTree>::value, "a BTree owns its page file alone");
+static_assert(!std::is_copy_assignable<BTree>::value, "a BTree owns its page file alone");
+
+std::string le32(int32_t v) { return btreetest::le4(v); }
+
+void patchFile(const std::string& path, size_t at, const std::string& with) {
+  std::string bytes = lltest::readFile(path);
+  bytes.replace(at, with.size(), with);
+  lltest::writeFile(path, bytes);
+}
+
+// Every accessor's answer: ok version order keyLength keyCount duplicates compressed, then
+// lcid/flags and space conversion in hex or "-" when refused.
+std::string accessors(BTree& t) {
+  uint32_t lcid = 5, flags = 7;
+  int16_t space = -9;
+  char out[160];
+  std::snprintf(out, sizeof out, "%d %x %d %d %d %d %d ", t.isOk(), t.getVersion(), t.getOrder(),
+                t.getKeyLength(), t.getKeyCount(), t.hasDuplicates(), t.isCompressed());
+  std::string text = out;
+  text += t.getLCIDandMapFlags(lcid, flags) ? (std::snprintf(out, sizeof out, "%x/%x", lcid, flags), out) : "-";
+  return text + " " + (t.getSpaceConversion(space) ? std::to_string(space) : "-");
+}
+void expectNoTree(BTree& t) { EXPECT_EQ(accessors(t), "0 0 0 -1 -1 0 0 - -"); }
+
+TEST(BTreeObject, RefusesShapesThatCannotWork) {
+  lltest::TempDir dir;
+  const std::string path = dir.file("t.bt");
+  struct Case { int order, keyLength; bool duplicates; std::string report; } cases[] = {
+      {1, 4, false, "A BTree needs an order of at least 2, not 1"},
+      {-3, 4, false, "A BTree needs an order of at least 2, not -3"},
+      {2, 0, false, "A BTree needs a key length of at least 1, not 0"},
+      {3, -1, true, "A BTree needs a key length of at least 1, not -1"},
+      {0x10000, 0x10000, false, "The pages of a BTree of order 65536 and key length 65536 are too large"},
+      {2, 0x7FFFFFF0, true, "The pages of a BTree of order 2 and key length 2147483632 are too large"}};
+  for (const Case& c : cases) {
+    lltest::RecordingSupport support;
+    BTree t(path, c.order, c.keyLength, c.duplicates, 0, 0, 0);
+    expectNoTree(t);
+    EXPECT_EQ(lltest::reportsText(support.reports), c.report + " (" + path + ").|BTree::BTree|2|btree\n");
+    EXPECT_FALSE(lltest::fileExists(path));
+  }
+}
+
+TEST(BTreeObject, FailedOpeningsAnswerTheAccessors) {
+  lltest::TempDir dir;
+  const std::string path = dir.file("t.bt");
+  { BTree created(path, 3, 4, false, 0, 0, 0); ASSERT_TRUE(created.isOk()); }
+  lltest::RecordingSupport support;
+  {
+    BTree missing(dir.file("none.bt"), true, 0);
+    expectNoTree(missing);
+  }
+  ASSERT_EQ(support.reports.size(), 1u);
+  patchFile(path, 28, le32(47));  // the root is not where the header says: no report
+  {
+    BTree t(path, false, 0);
+    EXPECT_EQ(accessors(t).substr(0, 14), "0 10400 0 -1 0");
+  }
+  EXPECT_EQ(support.reports.size(), 1u);
+  EXPECT_EQ(lltest::readFile(path).substr(28, 4), le32(47));  // a failed tree writes nothing back
+  patchFile(path, 16, le32(1));
+  { BTree t(path, true, 0); expectNoTree(t); }
+  EXPECT_EQ(support.reports.back().message, "Invalid BTree (" + path + ").");
+}
+
+TEST(BTreeObject, AccessorsAndKeyPreparation) {
+  lltest::TempDir dir;
+  BTree t(dir.file("d.bt"), 5, 4, true, 0x409, 0, 1);
+  ASSERT_TRUE(t.isOk());
+  EXPECT_EQ(accessors(t), "1 10400 5 4 0 1 0 409/0 1");
+  EXPECT_EQ(T::root(t)->keyLength, 8u);
+  // lcid alone switches conversion on; the mapping keeps "ab" and its terminator.
+  EXPECT_EQ(T::bytes(T::prepareKey(t, "ab", 0, 1)), std::string("ab\0\0\0\0\0\x01", 8));
+  T::setConversion(t, 0, 0, 0);
+  EXPECT_EQ(T::bytes(T::prepareKey(t, "abcdef", 6, 0x01020304)), "abcd\x01\x02\x03\x04");
+}
+
+TEST(BTreeObject, LongKeysFollowTheVersion) {
+  lltest::TempDir dir;
+  const std::string v4 = dir.file("v4.bt"), v1 = dir.file("v1.bt");
+  { BTree t(v1, 3, 4, false, 0, 0, 0); }
+  patchFile(v1, 0, le32(0x00010100));
+  struct Case { std::string path; std::string stored; } cases[] = {
+      {v4, std::string("\0\0\0\x01", 4)}, {v1, std::string("\x01\0\0\0", 4)}};
+  for (const Case& c : cases) {
+    std::unique_ptr<BTree> tree(c.path == v4 ? new BTree(v4, 3, 4, false, 0, 0, 0)
+                                             : new BTree(v1, false, 0));
+    BTree& t = *tree;
+    ASSERT_TRUE(t.isOk());
+    ASSERT_TRUE(t.insertKey(7, 1));
+    EXPECT_EQ(T::bytes(T::root(t)->keys[0]), c.stored);
+    EXPECT_EQ(btreetest::steps(t, "f1 K"), "7 1");
+  }
+  BTree t(v4, false, 0);
+  ASSERT_TRUE(t.insertKey(8, -1));
+  ASSERT_TRUE(t.insertKey(9, 256));
+  EXPECT_EQ(T::shape(t, true), "158:[256=9]->(46,102) 46:[1=7] 102:[4294967295=8]");  // unsigned order: -1 last
+  EXPECT_EQ(T::reverseLong(t, 0x01020304), 0x04030201);
+}
+
+TEST(BTreeObject, ConversionAndBlankReplacement) {
+  lltest::TempDir dir;
+  BTree t(dir.file("c.bt"), 3, 8, false, 0, 0, 0);
+  ASSERT_TRUE(t.isOk());
+  EXPECT_FALSE(T::convertKey(t, "abc", 0));
+  EXPECT_EQ(T::convertBuffer(t), nullptr);
+  auto converted = [&](const char* key, int length) {
+    EXPECT_TRUE(T::convertKey(t, key, length));
+    return std::string(T::convertBuffer(t), T::convertLength(t));
+  };
+  T::setConversion(t, 0x409, lc::kNormIgnoreSymbols, 0);
+  EXPECT_EQ(converted("a b", 0), std::string("a0b\0", 4));  // blank became '0'
+  EXPECT_EQ(T::convertCapacity(t), 8);
+  const char* buffer = T::convertBuffer(t);
+  EXPECT_EQ(converted("a b", 3), "ab");  // explicit length: the blank went in and was dropped
+  EXPECT_EQ(converted("xyz", 0), std::string("xyz\0", 4));
+  EXPECT_EQ(T::convertBuffer(t), buffer);  // same size: no new buffer
+  EXPECT_EQ(converted("0123456789", 0).size(), 11u);
+  EXPECT_EQ(T::convertCapacity(t), 22);
+  T::setConversion(t, 0x409, lc::kNormIgnoreSymbols, 1);
+  EXPECT_EQ(converted("a b", 0), std::string("ab\0", 3));
+  T::setConversion(t, 0x409, lc::kNormIgnoreSymbols | lc::kNormIgnoreCase, 0);
+  EXPECT_EQ(T::bytes(T::prepareKey(t, "a b", 0, 0)), std::string("a0b\0\0\0\0\0", 8));
+}
+
+TEST(BTreeObject, FailedConversionReportsAndKeepsTheRawKey) {
+  lltest::TempDir dir;
+  BTree t(dir.file("c.bt"), 3, 4, false, 0, 0, 0);
+  ASSERT_TRUE(t.isOk());
+  lltest::RecordingSupport support;
+  T::setConversion(t, 0x409, lc::kLcmapLowercase | lc::kLcmapUppercase, 0);
+  EXPECT_FALSE(T::convertKey(t, "abc", 0));
+  EXPECT_EQ(T::bytes(T::prepareKey(t, "ABCD", 4, 0)), "ABCD");
+  ASSERT_EQ(support.reports.size(), 2u);
+  const lltest::Report& r = support.reports[0];
+  EXPECT_EQ(r.message + "|" + r.function + "|" + std::to_string(r.flag == eReportError),
+            "Failed to convert key (LCMapString - 1004).\nKey: abc\nLCID: 00000409\nFlags: 00000300|"
+            "BTree::convertKey|1");
+  const std::string longKey(5000, 'k');
+  EXPECT_FALSE(T::convertKey(t, longKey.c_str(), 0));
+  EXPECT_NE(support.reports.back().message.find("Key: " + longKey + "\nLCID"), std::string::npos);
+}
+
+TEST(BTreeObject, SortKeyTreeFindsWithoutCaseAfterReopening) {
+  lltest::TempDir dir;
+  const std::string path = dir.file("s.bt");
+  const uint32_t flags = lc::kLcmapSortKey | lc::kNormIgnoreCase;
+  {
+    BTree t(path, 4, 24, false, 0x409, flags, 1);
+    ASSERT_TRUE(t.isOk());
+    ASSERT_TRUE(t.insertKey(1, "Apple", 0));
+    ASSERT_TRUE(t.insertKey(2, "banana", 0));
+    EXPECT_FALSE(t.insertKey(3, "APPLE", 0));  // the same sort key
+    char expected[24] = {};
+    ASSERT_GT(lc::lcMapString(0x409, flags, "apple", -1, expected, sizeof expected), 0);
+    EXPECT_EQ(T::bytes(T::root(t)->keys[0]), std::string(expected, 24));
+  }
+  BTree t(path, true, 0);
+  ASSERT_TRUE(t.isOk());
+  EXPECT_EQ(btreetest::steps(t, "F N") + " " + std::to_string(t.getKeyCount()), "1 2 2");
+  int32_t v = 0;
+  EXPECT_TRUE(t.find(v, "aPPle", 0) && v == 1 && t.find(v, "BANANA", 0) && v == 2);
+}
+
+using btreetest::steps;
+
+class CursorTest : public ::testing::Test {
+ protected:
+  std::unique_ptr<BTree> create(int order, int keyLength, bool duplicates = false) {
+    path = dir.file("tree" + std::to_string(++made) + ".bt");
+    auto tree = std::make_unique<BTree>(path, order, keyLength, duplicates, 0u, 0u, int16_t{0});
+    EXPECT_TRUE(tree->isOk());
+    return tree;
+  }
+  // Order 3 with long keys `keys` inserted in turn, value key + 100.
+  std::unique_ptr<BTree> longs(std::vector<int32_t> keys) {
+    auto tree = create(3, 4);
+    for (int32_t k : keys) EXPECT_TRUE(tree->insertKey(100 + k, k));
+    return tree;
+  }
+  lltest::TempDir dir;
+  std::string path;
+  int made = 0;
+};
+
+// Each row: the keys, a script and its answers.
+TEST_F(CursorTest, ScriptsOfLookupsAndSteps) {
+  struct Row { std::vector<int32_t> keys; const char* script; const char* answers; } rows[] = {
+      {{}, "F L N P C K D f1 g0 C", "- - - - x - - - - x"},
+      {{3, 2, 1}, "F N N N C P F P C L N C", "101 102 103 - x - 101 - x 103 - x"},
+      // Root [20 40], leaves [10] [30 35] [50 60]: 20 is found in the root; 37 lands behind its
+      // leaf, on 40 in the root.
+      {{10, 20, 30, 40, 50, 60, 35}, "f20 R I f32 C g32 K g37 R I N g5 g60 g61 C",
+       "120 r 0 - x 135 35 140 r 1 150 110 160 - x"},
+      // Root [4], interior [2] [6], leaves [1] [3] [5] [7 8]: from 3, the last key of a last child
+      // of a first child, next climbs two levels to the root in one step.
+      {{1, 2, 3, 4, 5, 6, 7, 8}, "F D L D f6 N f6 P f3 N R D f5 P K",
+       "101 2,0 108 2,1 106 107 106 105 103 104 r 0,0 105 104 4"},
+      {{1, 2, 3, 4, 5, 6, 7, 8}, "F N N N N N N N N L P P P P P P P P",
+       "101 102 103 104 105 106 107 108 - 108 107 106 105 104 103 102 101 -"},
+  };
+  for (const Row& row : rows) EXPECT_EQ(steps(*longs(row.keys), row.script), row.answers) << row.script;
+  EXPECT_EQ(longs({1, 2, 3, 4, 5, 6, 7, 8})->depth(), 2);
+}
+
+// Each getCurrentKey(buffer, length) call as answer/length/first 8 bytes of the buffer.
+std::string currentKey(BTree& tree, int length) {
+  char buffer[33];
+  std::memset(buffer, '#', sizeof buffer);
+  const bool ok = tree.getCurrentKey(buffer, length);
+  return std::to_string(ok) + "/" + std::to_string(length) + "/" + std::string(buffer, 8);
+}
+
+TEST_F(CursorTest, CurrentKeyTellsTheSizeItNeedsAndWritesNoTerminator) {
+  auto tree = create(5, 6);
+  ASSERT_TRUE(tree->insertKey(1, "key", 0));
+  EXPECT_EQ(currentKey(*tree, 3), "0/3/########");  // no cursor
+  int32_t v = 0, number = 77;
+  ASSERT_TRUE(tree->first(v));
+  EXPECT_EQ(currentKey(*tree, 5) + " " + currentKey(*tree, 6), std::string("0/6/######## 1/6/key\0\0\0##", 25));
+  EXPECT_FALSE(tree->getCurrentKey(number));  // a key of 6 bytes is no long key
+  EXPECT_EQ(number, 77);
+  auto wide = create(3, 20, true);
+  ASSERT_TRUE(wide->insertKey(-1, "x", 0) && wide->first(v));
+  EXPECT_EQ(currentKey(*wide, 33), std::string("1/20/x\0\0\0\0\0\0\0", 13));
+  auto number4 = longs({0x01020304});
+  ASSERT_TRUE(number4->first(v));
+  EXPECT_EQ(currentKey(*number4, 4), "1/4/\x01\x02\x03\x04####");
+}
+
+// A failed read drops the cursor; a step inside the current page needs no read.
+TEST_F(CursorTest, FailedReadDropsTheCursor) {
+  auto tree = longs({1, 2, 3, 4, 5, 6, 7, 8});
+  EXPECT_EQ(steps(*tree, "L"), "108");
+  {
+    lltest::FaultInjector faults;
+    faults.failFrom = 1;
+    EXPECT_EQ(steps(*tree, "P"), "107");
+    EXPECT_EQ(faults.count, 0);
+    EXPECT_EQ(steps(*tree, "P C"), "- x");
+    EXPECT_EQ(tree->depth(), -1);
+  }
+  EXPECT_EQ(steps(*tree, "F"), "101");
+}
+
+std::string* gSeen = nullptr;
+void record(int32_t value, const char* key, int length) {
+  *gSeen += std::to_string(value) + ":" + btreetest::hex(std::string(key, static_cast<size_t>(length))) + "| ";
+}
+
+TEST_F(CursorTest, InOrderHandsOverEverySlotAndLeavesTheCursor) {
+  std::string seen;
+  gSeen = &seen;
+  EXPECT_TRUE(create(3, 8)->inOrder(record) && seen.empty());
+  auto tree = create(3, 2, true);  // slot width 6
+  for (int32_t v : {3, 1, 2, -1}) ASSERT_TRUE(tree->insertKey(v, "k", 0));
+  EXPECT_EQ(steps(*tree, "F N"), "1 2");
+  EXPECT_TRUE(tree->inOrder(record));
+  EXPECT_EQ(seen, "1:6B 00 00 00 00 01 | 2:6B 00 00 00 00 02 | 3:6B 00 00 00 00 03 | -1:6B 00 FF FF FF FF | ");
+  EXPECT_EQ(steps(*tree, "N"), "3");  // the cursor stayed on 2
+  gSeen = nullptr;
+}
+
+TEST_F(CursorTest, TestCountsKeysPagesAndBackwardLinks) {
+  auto counts = [](BTree& tree, bool relaxed) {
+    int32_t keys = -1, pages = -1, backward = -1;
+    const bool ok = tree.test(relaxed, &keys, &pages, &backward);
+    return std::to_string(ok) + " " + std::to_string(keys) + " " + std::to_string(pages) + " " +
+           std::to_string(backward);
+  };
+  EXPECT_EQ(counts(*create(3, 4), false), "1 0 1 0");
+  EXPECT_EQ(counts(*longs({1, 2, 3, 4, 5, 6, 7}), false), "1 7 7 6");  // pages written before parents
+  auto even = create(4, 4);  // the right page of the split holds 1 key, below minKeys 2
+  for (int32_t k = 1; k <= 4; ++k) ASSERT_TRUE(even->insertKey(k, k));
+  EXPECT_EQ(counts(*even, false), "0 4 3 2");
+  EXPECT_EQ(counts(*even, true), "1 4 3 2");
+  EXPECT_TRUE(even->test(true, nullptr, nullptr, nullptr));
+}
+
+// Order 3 with 1, 2, 3: leaves at 46 ([1]) and 102 ([3]), root at 158 ([2]); records of 56 bytes.
+class CorruptTest : public CursorTest {
+ protected:
+  void SetUp() override { longs({1, 2, 3}); }
+  void patch(size_t at, int32_t value) {
+    std::string bytes = lltest::readFile(path);
+    bytes.replace(at, 4, btreetest::le4(value));
+    lltest::writeFile(path, bytes);
+  }
+  static constexpr size_t kLeftLeaf = 46, kRightLeaf = 102, kRoot = 158, kParent = 4, kChild0 = 44;
+
+  // Every walk that goes down the left edge fails without looping; the right part still reads.
+  void expectLeftDescentsFail(BTree& tree) {
+    EXPECT_EQ(steps(tree, "f0 g0 C F C D f3 P"), "- - x - x - 103 102");
+    EXPECT_EQ(tree.depth(), -1);
+    EXPECT_FALSE(tree.insertKey(9, int32_t{0}));
+    EXPECT_FALSE(tree.inOrder([](int32_t, const char*, int) {}));
+    EXPECT_FALSE(tree.test(true, nullptr, nullptr, nullptr));
+  }
+};
+
+TEST_F(CorruptTest, GarbageChildOffsetFailsTheDescentWithOneReport) {
+  patch(kRoot + kChild0, 12345);
+  const std::string before = lltest::readFile(path);
+  lltest::RecordingSupport support;
+  BTree tree(path, false, 0);
+  ASSERT_TRUE(tree.isOk());
+  EXPECT_EQ(steps(tree, "f1"), "-");
+  EXPECT_EQ(lltest::reportsText(support.reports), "Unable to read page.|BTree::Search|2|btree\n");
+  expectLeftDescentsFail(tree);
+  EXPECT_EQ(steps(tree, "P C"), "- x");
+  EXPECT_EQ(tree.getKeyCount(), 3);
+  EXPECT_EQ(lltest::readFile(path), before);  // the failed insertion wrote nothing
+}
+
+TEST_F(CorruptTest, ChildLinkToItselfOrToAnAncestorCannotMakeAWalkLoop) {
+  for (int32_t target : {int32_t{kLeftLeaf}, int32_t{kRoot}}) {
+    SCOPED_TRACE(target);
+    SetUp();
+    patch(kLeftLeaf + kChild0, target);
+    BTree tree(path, false, 0);
+    ASSERT_TRUE(tree.isOk());
+    expectLeftDescentsFail(tree);
+    int32_t keys = 0, pages = 0;
+    EXPECT_FALSE(tree.test(false, &keys, &pages, nullptr));  // a leaf with a child is malformed
+    EXPECT_EQ(pages, 2);
+    EXPECT_FALSE(tree.test(true, &keys, &pages, nullptr));
+    EXPECT_EQ(pages, 65);  // the walk stops after 64 free steps, as the file is short
+  }
+}
+
+TEST_F(CorruptTest, ParentLinksInACircleCannotMakeAClimbLoop) {
+  patch(kLeftLeaf + kParent, int32_t{kLeftLeaf});  // the left leaf names itself as parent
+  patch(kRoot + kParent, int32_t{kRightLeaf});     // the root names a leaf as parent
+  BTree tree(path, true, 0);
+  ASSERT_TRUE(tree.isOk());
+  int depth = -5, index = -5;
+  EXPECT_EQ(steps(tree, "F"), "101");
+  EXPECT_FALSE(tree.getCurrentKeyDepthAndIndex(depth, index));
+  EXPECT_EQ(index, -5);
+  EXPECT_EQ(steps(tree, "N C L N C f1 P C"), "- x 103 - x 101 - x");
+}
+
+using namespace btreetest;
+using T = BTreeTestAccess;
+
+std::vector<Entry> entries(const std::vector<int>& keys) {
+  std::vector<Entry> out;
+  for (int k : keys) out.emplace_back(be4(static_cast<uint32_t>(k)), 100 + k);
+  return out;
+}
+
+// Order 3: root [5 10] over three leaves; record 0 is the root.
+std::vector<Rec> threeLeaves(std::vector<int> a, std::vector<int> b, std::vector<int> c) {
+  return {rec(-1, {5, 10}, {1, 2, 3}), rec(0, a), rec(0, b), rec(0, c)};
+}
+
+class ChangeTest : public ::testing::Test {
+ protected:
+  std::string path() const { return dir.file("t.btr"); }
+  // A new tree of long keys `keys` inserted in turn as k, 100 + k.
+  std::unique_ptr<BTree> create(int order, std::vector<int32_t> keys) {
+    auto tree = std::make_unique<BTree>(path(), order, 4, false, 0u, 0u, int16_t{0});
+    for (int32_t k : keys) EXPECT_TRUE(tree->insertKey(100 + k, k)) << k;
+    return tree;
+  }
+  lltest::TempDir dir;
+  lltest::RecordingSupport support;
+  Shape shape{3, 4};
+};
+
+// Splits: order 3 sends up the middle key (the new one itself when it sorts there) and reparents
+// only the moved children; order 4 sends up the upper middle; order 2 leaves the right page of a
+// split empty.
+TEST_F(ChangeTest, InsertionsSplitPagesIntoTheseShapes) {
+  const std::pair<std::vector<int32_t>, const char*> rows[] = {
+      {{1, 3, 2}, "158:[2=102]->(46,102) 46:[1=101] 102:[3=103]"},
+      {{1, 2, 3, 4, 5, 6, 7},
+       "382:[4=104]->(158,326) 158:[2=102]->(46,102) 46:[1=101] 102:[3=103] 326:[6=106]->(214,270) "
+       "214:[5=105] 270:[7=107]"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(T::shape(*create(3, row.first), true), row.second);
+  EXPECT_EQ(T::shape(*create(4, {1, 2, 3, 4})), "182:[3]->(46,114) 46:[1 2] 114:[4]");
+  EXPECT_EQ(T::shape(*create(2, {1, 2})), "134:[2]->(46,90) 46:[1] 90:[]");
+}
+
+// The root split of order 3 byte for byte; the count on disk lags until the header is written.
+TEST_F(ChangeTest, RootSplitWritesTheseRecords) {
+  {
+    auto tree = create(3, {1, 2});
+    EXPECT_EQ(field(lltest::readFile(path()), 24), 1);
+    EXPECT_EQ(T::pageFile(*tree)->hdr.rootOffset, 46);
+    ASSERT_TRUE(tree->insertKey(103, int32_t{3}));
+    EXPECT_EQ(T::root(*tree)->offset, shape.at(2));
+    EXPECT_EQ(lltest::readFile(path()).substr(24, 8), le4(2) + le4(shape.at(2)));
+  }
+  const std::string f = lltest::readFile(path());
+  EXPECT_EQ(hex(f.substr(24, 8) + f.substr(46)),
+            hex(le4(3) + le4(shape.at(2)) + shape.encode(0, rec(2, {1})) + shape.encode(1, rec(2, {3})) +
+                shape.encode(2, rec(-1, {2}, {0, 1}))));
+}
+
+// One deletion from a built file. Afterwards the file is `before` with the header's keyCount,
+// root and free head updated, the `changed` records rewritten exactly, the link words of the
+// `freed` records (the chain from its head) set, and nothing else touched.
+struct Case {
+  const char* name;
+  Shape shape;
+  std::vector<Rec> recs;
+  int32_t key;
+  std::vector<int> remaining;
+  int root;
+  std::vector<std::pair<int, Rec>> changed;
+  std::vector<int> freed;
+};
+
+TEST_F(ChangeTest, RebalancingRewritesExactlyTheRecordsItMust) {
+  const Case cases[] = {
+      {"the only key", {3, 4}, {rec(-1, {1})}, 1, {}, 0, {{0, rec(-1, {})}}, {}},
+      {"leaf with a spare key", {5, 4}, {rec(-1, {10}, {1, 2}), rec(0, {1, 2, 3}), rec(0, {11, 12})},
+       2, {1, 3, 10, 11, 12}, 0, {{1, rec(0, {1, 3})}}, {}},
+      {"borrow from the right on a tie", {3, 4}, threeLeaves({1, 2}, {7}, {12, 13}), 7,
+       {1, 2, 5, 10, 12, 13}, 0,
+       {{0, rec(-1, {5, 12}, {1, 2, 3})}, {2, rec(0, {10})}, {3, rec(0, {13})}}, {}},
+      {"borrow from the left when it has more", {3, 4}, threeLeaves({1, 2}, {7}, {12}), 7,
+       {1, 2, 5, 10, 12}, 0,
+       {{0, rec(-1, {2, 10}, {1, 2, 3})}, {1, rec(0, {1})}, {2, rec(0, {5})}}, {}},
+      {"merge with the right", {3, 4}, threeLeaves({1}, {7}, {12}), 7, {1, 5, 10, 12}, 0,
+       {{0, rec(-1, {5}, {1, 2})}, {2, rec(0, {10, 12})}}, {3}},
+      {"first child merges right", {3, 4}, threeLeaves({1}, {7}, {12}), 1, {5, 7, 10, 12}, 0,
+       {{0, rec(-1, {10}, {1, 3})}, {1, rec(0, {5, 7})}}, {2}},
+      {"last child merges left", {3, 4}, threeLeaves({1}, {7}, {12}), 12, {1, 5, 7, 10}, 0,
+       {{0, rec(-1, {5}, {1, 2})}, {2, rec(0, {7, 10})}}, {3}},
+      {"root collapse frees both records", {3, 4}, {rec(-1, {5}, {1, 2}), rec(0, {1}), rec(0, {7})},
+       1, {5, 7}, 1, {{1, rec(-1, {5, 7})}}, {0, 2}},
+      {"interior borrow reparents one grandchild", {3, 4},
+       {rec(-1, {20}, {1, 2}), rec(0, {10}, {3, 4}), rec(0, {30, 40}, {5, 6, 7}), rec(1, {5}),
+        rec(1, {15}), rec(2, {25}), rec(2, {35}), rec(2, {45, 46})},
+       5, {10, 15, 20, 25, 30, 35, 40, 45, 46}, 0,
+       {{0, rec(-1, {30}, {1, 2})}, {1, rec(0, {20}, {3, 5})}, {2, rec(0, {40}, {6, 7})},
+        {3, rec(1, {10, 15})}, {5, rec(1, {25})}},
+       {4}},
+      {"keyless parent merges upward and the root collapses", {3, 4}, {rec(-1, {20}, {1, 2}), rec(0, {10}, {3, 4}), rec(0, {30}, {5, 6}), rec(1, {5}),
+        rec(1, {15}), rec(2, {25}), rec(2, {35})}, 5,
+       {10, 15, 20, 25, 30, 35}, 1,
+       {{1, rec(-1, {20, 30}, {3, 5, 6})}, {3, rec(1, {10, 15})}, {5, rec(1, {25})},
+        {6, rec(1, {35})}},
+       {0, 2, 4}},
+      {"interior key replaced by its successor", {3, 4},
+       {rec(-1, {10}, {1, 2}), rec(0, {5}), rec(0, {15, 20})}, 10, {5, 15, 20}, 0,
+       {{0, rec(-1, {15}, {1, 2})}, {2, rec(0, {20})}}, {}},
+      {"even order merges with the sibling that fits", {4, 4},
+       {rec(-1, {10, 20}, {1, 2, 3}), rec(0, {1, 2}), rec(0, {12, 13}), rec(0, {22})}, 12,
+       {1, 2, 10, 13, 20, 22}, 0, {{0, rec(-1, {10}, {1, 2})}, {2, rec(0, {13, 20, 22})}}, {3}},
+      {"even order stays under full when no merge fits", {4, 4},
+       {rec(-1, {10, 20}, {1, 2, 3}), rec(0, {1, 2}), rec(0, {12, 13}), rec(0, {22, 23})}, 12,
+       {1, 2, 10, 13, 20, 22, 23}, 0, {{2, rec(0, {13})}}, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(c.shape.build(path(), c.recs, 0));
+    const std::string before = lltest::readFile(path());
+    {
+      BTree tree(path(), false, 0);
+      ASSERT_TRUE(tree.deleteKey(c.key));
+      EXPECT_EQ(checkModel(tree, entries(c.remaining), c.shape.order % 2 == 0), "");
+    }
+    const std::string after = lltest::readFile(path());
+    ASSERT_EQ(after.size(), before.size());
+    std::string expected = before;
+    expected.replace(24, 12, le4(static_cast<int32_t>(c.remaining.size())) + le4(c.shape.at(c.root)) +
+                                 le4(c.freed.empty() ? -1 : c.shape.at(c.freed[0])));
+    for (const auto& [n, r] : c.changed) expected.replace(c.shape.at(n), c.shape.recordSize(), c.shape.encode(n, r));
+    for (size_t i = 0; i < c.freed.size(); ++i) {
+      const size_t at = static_cast<size_t>(c.shape.at(c.freed[i]));
+      expected.replace(at, c.shape.recordSize(), after.substr(at, c.shape.recordSize()));
+      expected.replace(at, 4, le4(i + 1 < c.freed.size() ? c.shape.at(c.freed[i + 1]) : -1));
+    }
+    for (size_t at = 0; at < after.size(); at += c.shape.recordSize())
+      EXPECT_EQ(hex(after.substr(at, c.shape.recordSize())), hex(expected.substr(at, c.shape.recordSize())))
+          << "at " << at;
+  }
+  EXPECT_TRUE(support.reports.empty());
+}
+
+// A missing key changes nothing but drops the cursor; a tree with duplicates refuses the forms
+// without a value, with these reports, and leaves the cursor.
+// Arguments that are no key, and a slot too narrow for a value tail, find nothing to delete.
+TEST_F(ChangeTest, ArgumentsThatAreNoKeyDeleteNothing) {
+  BTree tree(path(), 3, 2, false, 0, 0, 0);
+  ASSERT_TRUE(tree.insertKey(1, "ab", 2));
+  EXPECT_FALSE(tree.deleteKey(1, "ab", 2) || tree.deleteKey(1, nullptr, 2) || tree.deleteKey(1, "ab", -1));
+  EXPECT_FALSE(tree.deleteKey(nullptr, 2) || tree.deleteKey("ab", -1));
+  EXPECT_EQ(tree.getKeyCount(), 1);
+}
+
+TEST_F(ChangeTest, RefusedChanges) {
+  ASSERT_TRUE(shape.build(path(), threeLeaves({1}, {7}, {12}), 0));
+  {
+    BTree tree(path(), false, 0);
+    EXPECT_EQ(steps(tree, "F"), "101");
+    EXPECT_FALSE(tree.deleteKey(2) || tree.replaceValue(1, 11));
+    EXPECT_EQ(steps(tree, "C F"), "x 101");
+    EXPECT_FALSE(tree.insertKey(0, 1));
+    EXPECT_EQ(steps(tree, "C"), "x");
+    EXPECT_EQ(tree.getKeyCount(), 5);
+  }
+  shape = {5, 8};
+  auto dup = [](int32_t v) { return Slot{std::string("ab\0\0", 4) + be4(static_cast<uint32_t>(v)), v}; };
+  ASSERT_TRUE(shape.build(path(), {Rec{-1, {dup(1), dup(2), dup(3)}, {}}}, 0, true));
+  {
+    BTree tree(path(), false, 0);
+    int32_t value = 0;
+    ASSERT_TRUE(tree.find(value, "ab", 2));
+    EXPECT_FALSE(tree.deleteKey("ab", 2) || tree.replaceValue(9, "ab", 2));
+    EXPECT_EQ(lltest::reportsText(support.reports),
+              "Duplicates are NOT supported by deleteKey without specifying associated value.|"
+              "BTree::deleteKey|2|btree\nDuplicates are NOT supported.|BTree::replaceValue|2|btree\n");
+    char key[8];
+    int length = 8;
+    EXPECT_TRUE(tree.getCurrentKey(key, length));
+    EXPECT_FALSE(tree.deleteKey(9, "ab", 2));
+    ASSERT_TRUE(tree.deleteKey(2, "ab", 2));
+  }
+  EXPECT_EQ(hex(shape.record(lltest::readFile(path()), 0)), hex(shape.encode(0, Rec{-1, {dup(1), dup(3)}, {}})));
+}
+
+// replaceValue rewrites the value in place, in the root as in a leaf, and keeps the cursor.
+TEST_F(ChangeTest, ReplaceValueRewritesOneWord) {
+  ASSERT_TRUE(shape.build(path(), {rec(-1, {10}, {1, 2}), rec(0, {5}), rec(0, {15})}, 0));
+  {
+    BTree tree(path(), false, 0);
+    EXPECT_EQ(steps(tree, "f5"), "105");
+    EXPECT_TRUE(tree.replaceValue(-7, 10) && tree.replaceValue(77, 15));
+    EXPECT_EQ(steps(tree, "K"), "5");
+  }
+  Rec root = rec(-1, {10}, {1, 2}), leaf = rec(0, {15});
+  root.entries[0].value = -7;
+  leaf.entries[0].value = 77;
+  const std::string file = lltest::readFile(path());
+  EXPECT_EQ(hex(file.substr(24, 4) + shape.record(file, 0) + shape.record(file, 1) + shape.record(file, 2)),
+            hex(le4(3) + shape.encode(0, root) + shape.encode(1, rec(0, {5})) + shape.encode(2, leaf)));
+  EXPECT_TRUE(support.reports.empty());
+}
+
+// A read-only tree refuses every change and writes nothing; so does a change whose page names
+// another parent than the one it was reached from.
+TEST_F(ChangeTest, ReadOnlyAndMisplacedPagesChangeNothing) {
+  std::vector<Rec> misplaced = threeLeaves({1}, {7}, {12});
+  misplaced[2].parent = 1;
+  for (bool readOnly : {false, true}) {
+    ASSERT_TRUE(shape.build(path(), readOnly ? threeLeaves({1}, {7}, {12}) : misplaced, 0));
+    const std::string before = lltest::readFile(path());
+    {
+      BTree tree(path(), readOnly, 0);
+      EXPECT_FALSE(tree.deleteKey(7));
+      EXPECT_FALSE(readOnly && (tree.replaceValue(1, 5) || tree.insertKey(2, 2)));
+      EXPECT_EQ(tree.getKeyCount(), 5);
+    }
+    if (readOnly) {
+      EXPECT_EQ(lltest::readFile(path()), before);
+    }
+  }
+}
+
+}  // namespace
