@@ -89,6 +89,7 @@ TEST(SeekableWriter, FilesRoundTripThroughZstdToolReaderAndUnpack) {
     lc::SeekableInfo info;
     ASSERT_TRUE(lc::describeSeekableFile(dir.file("z"), &info, nullptr));
     EXPECT_EQ(22u, info.frames.size());
+    EXPECT_EQ(static_cast<int32_t>(info.frames[0].compressedSize), info.frames[1].compressedOffset);
     EXPECT_EQ(sums, info.checksums);
     if (std::system("zstd --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "zstd tool not installed";
     std::string cmd = "zstd -d -q -f '" + dir.file("z") + "' -o '" + dir.file("tool") + "'";
