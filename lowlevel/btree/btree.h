@@ -4,8 +4,9 @@
 // larger file), searched, walked with a cursor, and changed key by key.
 //
 // Every operation answers with bool. A key argument is a pointer and a length; length 0 means a
-// zero-terminated text. After construction test isOk(): on an object that is not ok only the
-// accessors and the destructor may be called.
+// zero-terminated text. After construction test isOk(): an object that is not ok is meant only for
+// its accessors and destructor; other calls on one whose file never opened answer false (-1 for
+// depth) and do nothing, rather than fail in worse ways.
 #ifndef LOWLEVEL_BTREE_BTREE_H
 #define LOWLEVEL_BTREE_BTREE_H
 

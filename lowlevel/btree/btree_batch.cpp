@@ -105,6 +105,7 @@ bool BTree::rollbackBatch() {
 
 template <class Change>
 bool BTree::applyChange(Change change) {
+  if (root == nullptr) return false;  // the file never opened
   if (!ok || !isCrashSafe()) return change();
   const bool own = !inBatch();
   if (own && !beginBatch(true)) return false;

@@ -105,7 +105,7 @@ struct Cursor {
 
 bool BTree::first(int32_t& value) {
   clearCurPage();
-  if (root->keyCount == 0) return false;
+  if (root == nullptr || root->keyCount == 0) return false;
   curPage = new BTreePage(*root);
   curIndex = 0;
   Cursor cursor(*pageFile, curPage, curIndex);
@@ -115,7 +115,7 @@ bool BTree::first(int32_t& value) {
 
 bool BTree::last(int32_t& value) {
   clearCurPage();
-  if (root->keyCount == 0) return false;
+  if (root == nullptr || root->keyCount == 0) return false;
   curPage = new BTreePage(*root);
   curIndex = curPage->keyCount;
   Cursor cursor(*pageFile, curPage, curIndex);
@@ -202,6 +202,7 @@ bool BTree::getCurrentKeyDepthAndIndex(int& depth, int& index) {
 }
 
 int BTree::depth() {
+  if (root == nullptr) return -1;
   BTreePage page(*root);
   BTreeWalkBudget budget(*pageFile);
   int levels = 0;

@@ -108,3 +108,15 @@ TEST_F(BTreeLimits, FilesBeyondTheLimit) {
 }
 
 }  // namespace
+
+// A tree whose file never opened refuses every operation instead of touching a missing root.
+TEST(BTreeNotOpened, EveryOperationRefuses) {
+  BTree tree("/nonexistent-dir/none.btr", true, 0);
+  int32_t value = 0;
+  EXPECT_FALSE(tree.isOk());
+  EXPECT_FALSE(tree.find(value, "a", 1) || tree.findGreaterThanOrEqual(value, "a", 1) ||
+               tree.first(value) || tree.last(value) || tree.next(value) || tree.prev(value) ||
+               tree.insertKey(1, "a", 1) || tree.deleteKey("a", 1) || tree.replaceValue(1, "a", 1) ||
+               tree.test(false, nullptr, nullptr, nullptr));
+  EXPECT_EQ(tree.depth(), -1);
+}

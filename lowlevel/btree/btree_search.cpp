@@ -99,6 +99,7 @@ bool BTree::Search(const BTreePage& page, const BTreePageKey& key, BTreePage& re
 
 bool BTree::find(int32_t& value, const char* key, int length) {
   clearCurPage();
+  if (root == nullptr) return false;  // the file never opened: nothing to search
   if (pageFile->hdr.duplicates != 0) {
     if (!findGreaterThanOrEqual(value, key, length)) return false;
     BTreePageKey first = prepareKey(key, length, 0);
@@ -122,6 +123,7 @@ bool BTree::find(int32_t& value, const char* key, int length) {
 
 bool BTree::findGreaterThanOrEqual(int32_t& value, const char* key, int length) {
   clearCurPage();
+  if (root == nullptr) return false;
   BTreePageKey slot = prepareKey(key, length, 0);
   BTreePage result(0, 0);
   uint32_t index = 0;

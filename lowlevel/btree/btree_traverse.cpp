@@ -30,7 +30,7 @@ struct Frame {
 
 bool BTree::inOrder(TraverseCallback callback) {
   traverseCallback = callback;
-  return RecurseTraverse(*root);
+  return root != nullptr && RecurseTraverse(*root);
 }
 
 bool BTree::RecurseTraverse(const BTreePage& top) {
@@ -65,7 +65,7 @@ bool BTree::test(bool relaxed, int32_t* keyCount, int32_t* pageCount, int32_t* b
   testKeyCount = 0;
   testPageCount = 0;
   testBackwardLinks = 0;
-  bool sound = testRecurse(*root, relaxed);
+  bool sound = root != nullptr && testRecurse(*root, relaxed);
   if (keyCount != nullptr) *keyCount = testKeyCount;
   if (pageCount != nullptr) *pageCount = testPageCount;
   if (backwardLinks != nullptr) *backwardLinks = testBackwardLinks;
