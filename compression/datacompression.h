@@ -7,7 +7,9 @@
 #include <cstdint>
 #include <string>
 
-class ZdataCompression {
+#include "lowlevel/lowlevel_export.h"
+
+class LOWLEVEL_EXPORT ZdataCompression {
  public:
   virtual ~ZdataCompression() = default;
 
