@@ -11,7 +11,8 @@
 
 class LOWLEVEL_EXPORT ZdataCompression {
  public:
-  virtual ~ZdataCompression() = default;
+  // Defined out of line: the class's vtable and typeinfo live in the library alone.
+  virtual ~ZdataCompression();
 
   // A short name of the codec, e.g. "zstd".
   virtual const char* name() const = 0;
