@@ -7,9 +7,12 @@
 #include <cstdint>
 #include <string>
 
-class ZdataCompression {
+#include "lowlevel/lowlevel_export.h"
+
+class LOWLEVEL_EXPORT ZdataCompression {
  public:
-  virtual ~ZdataCompression() = default;
+  // Defined out of line: the class's vtable and typeinfo live in the library alone.
+  virtual ~ZdataCompression();
 
   // A short name of the codec, e.g. "zstd".
   virtual const char* name() const = 0;

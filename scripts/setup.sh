@@ -10,6 +10,7 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   libclang-rt-14-dev
   libsqlite3-dev libdb-dev liblmdb-dev
+  dpkg-dev file lintian groff-base
 )
 
 missing=()

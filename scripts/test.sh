@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, then builds and runs every test: a g++ build, a clang build under
 # AddressSanitizer and UndefinedBehaviorSanitizer, and a small project that uses the library
-# through add_subdirectory.
+# through add_subdirectory, an install prefix and the Debian packages.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -29,6 +29,9 @@ echo "== a project that uses the library through add_subdirectory"
 run cmake -S tests/consumer -B build/consumer -G Ninja -DLOWLEVEL_DIR="$PWD" >/dev/null
 run cmake --build build/consumer -j "$jobs"
 run ./build/consumer/consumer
+
+echo "== the installed library (find_package, pkg-config) and the Debian packages (lintian)"
+run bash scripts/test_install.sh build/gcc
 
 # One closing line over both test runs (each run above stops the script on a failure).
 total=$(cat build/gcc-ctest.log build/asan-ctest.log | sed -n 's/.*tests passed, 0 tests failed out of \([0-9]*\).*/\1/p' |

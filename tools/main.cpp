@@ -27,6 +27,10 @@ int main(int argc, char** argv) {
   addFileCommands(app, ctx);
   addCmdlineCommands(app, ctx);
   addDemoCommand(app, ctx);
+  if (argc == 3 && std::string(argv[1]) == "--completion" && std::string(argv[2]) == "bash") {
+    std::fputs(bashCompletion(app).c_str(), stdout);
+    return kExitOk;
+  }
 
   try {
     app.parse(argc, argv);

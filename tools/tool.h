@@ -67,6 +67,9 @@ void addDemoCommand(CLI::App& app, ToolContext& ctx);
 
 void printJson(const nlohmann::json& j);
 
+// A bash completion script for every command and option of `app` (hidden `--completion bash`).
+std::string bashCompletion(const CLI::App& app);
+
 // The location that `--location NAME` chose (empty: none), and a file argument with that location's
 // directory put in front (ZFile::BuildPath: unchanged when the path has a prefix or drive already).
 void setLocation(const std::string& location);

@@ -15,6 +15,8 @@
 #include <map>
 #include <string>
 
+#include "lowlevel/lowlevel_export.h"
+
 class BTreePage;
 class BTreePageKey;
 class BTreePageFile;
@@ -25,38 +27,38 @@ class BTree {
 
   // Opens an existing tree. `offset` is its position inside a larger file (0 when it stands alone);
   // only a read-only tree may have one.
-  BTree(const std::string& fileName, bool readOnly, int32_t offset);
+  LOWLEVEL_EXPORT BTree(const std::string& fileName, bool readOnly, int32_t offset);
   // Creates a tree, replacing any file of that name. `order` is the most children of a page (at
   // least 2), `keyLength` the width of the caller's keys (at least 1). With `lcid` or `mapFlags`
   // non-zero every key is passed through the locale mapping first; `spaceConversion` 0 replaces
   // blanks of terminated keys by '0' before a mapping that ignores symbols. An order below 2, a key
   // width below 1 or a page record too large for a signed 32-bit size is refused with a report,
   // and the object is not ok.
-  BTree(const std::string& fileName, int order, int keyLength, bool duplicates, uint32_t lcid,
-        uint32_t mapFlags, int16_t spaceConversion);
+  LOWLEVEL_EXPORT BTree(const std::string& fileName, int order, int keyLength, bool duplicates,
+                        uint32_t lcid, uint32_t mapFlags, int16_t spaceConversion);
   // Copying would leave two objects owning one page file; it is forbidden.
   BTree(const BTree&) = delete;
   BTree& operator=(const BTree&) = delete;
   // Writes the header (when opened for update) and closes the file.
-  ~BTree();
+  LOWLEVEL_EXPORT ~BTree();
 
   // --- Accessors: the only operations allowed on an object that is not ok. ---
-  bool isOk();
-  int32_t getVersion();        // 0 without a usable page file
-  int getOrder();              // 0 without a root
-  int getKeyLength();          // the caller's key width; -1 without a root or page file
-  bool hasDuplicates();
-  bool isCompressed();
-  int getKeyCount();           // the live count; -1 without a page file
-  bool getLCIDandMapFlags(uint32_t& lcid, uint32_t& mapFlags);
-  bool getSpaceConversion(int16_t& spaceConversion);
+  LOWLEVEL_EXPORT bool isOk();
+  LOWLEVEL_EXPORT int32_t getVersion();  // 0 without a usable page file
+  LOWLEVEL_EXPORT int getOrder();  // 0 without a root
+  LOWLEVEL_EXPORT int getKeyLength();  // the caller's key width; -1 without a root or page file
+  LOWLEVEL_EXPORT bool hasDuplicates();
+  LOWLEVEL_EXPORT bool isCompressed();
+  LOWLEVEL_EXPORT int getKeyCount();  // the live count; -1 without a page file
+  LOWLEVEL_EXPORT bool getLCIDandMapFlags(uint32_t& lcid, uint32_t& mapFlags);
+  LOWLEVEL_EXPORT bool getSpaceConversion(int16_t& spaceConversion);
 
   // --- Lookup (they place the cursor). ---
   // A page that cannot be read on the way down is reported ("Unable to read page.") and the
   // lookup fails as if the key were absent, leaving no cursor. So does a descent deeper than the
   // file has records (a corrupt link).
-  bool find(int32_t& value, const char* key, int length);
-  bool findGreaterThanOrEqual(int32_t& value, const char* key, int length);
+  LOWLEVEL_EXPORT bool find(int32_t& value, const char* key, int length);
+  LOWLEVEL_EXPORT bool findGreaterThanOrEqual(int32_t& value, const char* key, int length);
 
   // --- Changes. ---
   // insertKey: a failed read on the way down ends it with false before anything is written.
@@ -65,39 +67,39 @@ class BTree {
   // beforehand (one new page for each full page from the leaf up, one more when the root splits,
   // free records used first), so a refused insertion leaves no half-done split: the tree stays as
   // it was, and deletions, replacements and insertions into pages with room still work.
-  bool insertKey(int32_t value, const char* key, int length);
+  LOWLEVEL_EXPORT bool insertKey(int32_t value, const char* key, int length);
   // deleteKey removes one entry; the form without a value refuses a tree with duplicates (reported).
   // A page that falls below half full borrows a key from a sibling or is merged with one. When a
   // merge would not fit in one page (trees of even order), the page merges with its other sibling
   // if that fits, and otherwise stays under-full: the deletion succeeds and the tree stays sound
   // for search and walks, only less tightly packed. replaceValue refuses a tree with duplicates.
-  bool deleteKey(const char* key, int length);
-  bool deleteKey(int32_t value, const char* key, int length);
-  bool replaceValue(int32_t value, const char* key, int length);
+  LOWLEVEL_EXPORT bool deleteKey(const char* key, int length);
+  LOWLEVEL_EXPORT bool deleteKey(int32_t value, const char* key, int length);
+  LOWLEVEL_EXPORT bool replaceValue(int32_t value, const char* key, int length);
 
   // --- Long keys: the key is the 4 bytes of a 32-bit number, stored so that bytewise order is the
   // unsigned numeric order (except in the oldest file version). ---
-  bool insertKey(int32_t value, int32_t key);
-  bool replaceValue(int32_t value, int32_t key);
-  bool deleteKey(int32_t key);
-  bool deleteKey(int32_t value, int32_t key);
-  bool find(int32_t& value, int32_t key);
-  bool findGreaterThanOrEqual(int32_t& value, int32_t key);
-  bool getCurrentKey(int32_t& key);
+  LOWLEVEL_EXPORT bool insertKey(int32_t value, int32_t key);
+  LOWLEVEL_EXPORT bool replaceValue(int32_t value, int32_t key);
+  LOWLEVEL_EXPORT bool deleteKey(int32_t key);
+  LOWLEVEL_EXPORT bool deleteKey(int32_t value, int32_t key);
+  LOWLEVEL_EXPORT bool find(int32_t& value, int32_t key);
+  LOWLEVEL_EXPORT bool findGreaterThanOrEqual(int32_t& value, int32_t key);
+  LOWLEVEL_EXPORT bool getCurrentKey(int32_t& key);
 
   // --- Cursor. ---
   // A failed page read, or a walk that goes further than the file has records (a corrupt link),
   // returns false and drops the cursor, as running off an end does; a position made undefined is
   // never used. A leaf without keys (order 2 leaves them behind splits) is stepped over.
-  bool first(int32_t& value);
-  bool last(int32_t& value);
-  bool next(int32_t& value);
-  bool prev(int32_t& value);
+  LOWLEVEL_EXPORT bool first(int32_t& value);
+  LOWLEVEL_EXPORT bool last(int32_t& value);
+  LOWLEVEL_EXPORT bool next(int32_t& value);
+  LOWLEVEL_EXPORT bool prev(int32_t& value);
   // Copies the current key's bytes into `key`, whose capacity is `length` on entry. Too small:
   // false, `length` set to the size needed, nothing copied, cursor kept. No terminator is written.
-  bool getCurrentKey(char* key, int& length);
-  bool getCurrentKeyDepthAndIndex(int& depth, int& index);
-  int depth();  // levels below the root; -1 on a read failure
+  LOWLEVEL_EXPORT bool getCurrentKey(char* key, int& length);
+  LOWLEVEL_EXPORT bool getCurrentKeyDepthAndIndex(int& depth, int& index);
+  LOWLEVEL_EXPORT int depth();  // levels below the root; -1 on a read failure
 
   // --- Crash-safe mode: off unless turned on; the file format is the same in both modes. ---
   // In the default mode each page write goes straight to the file and an interrupted operation
@@ -117,25 +119,26 @@ class BTree {
   // on; refused (reported) on a read-only, compressed or not-ok tree. setCrashSafe(false) ends
   // the mode and is refused while a batch is open. In crash-safe mode the destructor writes
   // nothing but rolls back a batch still open.
-  bool setCrashSafe(bool on);
-  bool isCrashSafe();
+  LOWLEVEL_EXPORT bool setCrashSafe(bool on);
+  LOWLEVEL_EXPORT bool isCrashSafe();
   // Opens a batch: takes the lock (waits for it with `wait`, else fails at once with a report),
   // then reads the header and the root again, as another writer may have changed them, and drops
   // the cursor. False outside crash-safe mode or inside a batch.
-  bool beginBatch(bool wait = true);
+  LOWLEVEL_EXPORT bool beginBatch(bool wait = true);
   // Makes the batch permanent. A change that failed after it had written (a failing read or
   // write halfway) spoils the batch: commitBatch then rolls back, reports, and answers false.
   // Whenever it answers false the tree is as it was before the batch, on disk at once or, when
   // even the rollback failed, at the next open (the object is then no longer ok).
-  bool commitBatch();
+  LOWLEVEL_EXPORT bool commitBatch();
   // Drops the batch: the file and this object's view of it are as before beginBatch.
-  bool rollbackBatch();
-  bool inBatch();
+  LOWLEVEL_EXPORT bool rollbackBatch();
+  LOWLEVEL_EXPORT bool inBatch();
 
   // --- Traversal and self-test. ---
   // Both walk at most as many pages as the file has records and fail beyond that.
-  bool inOrder(TraverseCallback callback);
-  bool test(bool relaxed, int32_t* keyCount, int32_t* pageCount, int32_t* backwardLinks);
+  LOWLEVEL_EXPORT bool inOrder(TraverseCallback callback);
+  LOWLEVEL_EXPORT bool test(bool relaxed, int32_t* keyCount, int32_t* pageCount,
+                            int32_t* backwardLinks);
 
  private:
   friend struct BTreeTestAccess;
@@ -227,9 +230,9 @@ class BTree {
 // size and falls within the file system's time resolution of this process's own last write can go
 // unseen; the root page held by a BTree is not refreshed either.
 constexpr size_t kBTreePageCacheDefaultSize = size_t{64} << 20;
-void setBTreePageCacheSize(size_t bytes);
-size_t getBTreePageCacheSize();
-void setBTreePageCacheCheck(bool on);
-bool getBTreePageCacheCheck();
+LOWLEVEL_EXPORT void setBTreePageCacheSize(size_t bytes);
+LOWLEVEL_EXPORT size_t getBTreePageCacheSize();
+LOWLEVEL_EXPORT void setBTreePageCacheCheck(bool on);
+LOWLEVEL_EXPORT bool getBTreePageCacheCheck();
 
 #endif

@@ -8,6 +8,9 @@
 // header may even open. The source is untouched in every case. No target grows to offset
 // 2^31 - 1: the record that would reach it is refused with a report before it is written, and the
 // copy stops there, as after any failed write. (An ordered copy is never longer than its source.)
+//
+// The library itself never calls them, but they are exported: the `lowlevel` tool and users who
+// ship trees build their read-only copies with them.
 #ifndef LOWLEVEL_BTREE_BTREETOOLS_H
 #define LOWLEVEL_BTREE_BTREETOOLS_H
 
@@ -15,23 +18,26 @@
 #include <functional>
 #include <string>
 
+#include "lowlevel/lowlevel_export.h"
+
 class BTree;
 
 // Writes a compressed, read-only copy of the tree `sourceName` to `targetName`: records cut down to
 // the bytes they hold, in depth-first order. Refuses a compressed source and trees whose key width
 // is too small to gain anything (both reported). Key widths above 32767 bytes do not fit the
 // record's table of lengths and are refused (reported).
-bool compressBTree(const std::string& sourceName, const std::string& targetName);
+LOWLEVEL_EXPORT bool compressBTree(const std::string& sourceName, const std::string& targetName);
 
 // Writes a copy whose pages lie in depth-first order, every child behind its parent, so that a
 // descent reads the file forward. Refuses a compressed source (reported).
-bool orderBTree(const std::string& sourceName, const std::string& targetName);
+LOWLEVEL_EXPORT bool orderBTree(const std::string& sourceName, const std::string& targetName);
 
 // Builds the tree anew from the source's keys in order, with full pages and the fewest levels, with
 // `order` (below 2: the source's order). The result keeps key order but not the fill and balance
 // rules that insertion and deletion rely on: it is meant for reading. Keys wider than 1024 bytes
 // cannot be repacked.
-bool repackBTree(const std::string& sourceName, const std::string& targetName, int order);
+LOWLEVEL_EXPORT bool repackBTree(const std::string& sourceName, const std::string& targetName,
+                                 int order);
 
 // One entry for bulkBuildBTree: the caller's key as insertKey takes it, and its value.
 struct BTreeBulkEntry {
@@ -65,11 +71,12 @@ struct BTreeBulkShape {
 // slot is below the one before ("out of order") or equal to it ("repeats"), fewer or more entries
 // than `count`. A shape the constructor refuses, or a failing write, is false with -1 there. After
 // any refusal the target's header is cleared, so that the file never opens as a tree.
-bool bulkBuildBTree(const std::string& targetName, const BTreeBulkShape& shape, int64_t count,
-                    const std::function<bool(BTreeBulkEntry&)>& next, int64_t* failedEntry);
+LOWLEVEL_EXPORT bool bulkBuildBTree(const std::string& targetName, const BTreeBulkShape& shape,
+                                    int64_t count, const std::function<bool(BTreeBulkEntry&)>& next,
+                                    int64_t* failedEntry);
 
 // The slot `tree` would store for a key (conversion, cut or padding, value tail), for callers that
 // sort entries for bulkBuildBTree. Empty when the tree is not ok.
-std::string btreeKeySlot(BTree& tree, const char* key, int length, int32_t value);
+LOWLEVEL_EXPORT std::string btreeKeySlot(BTree& tree, const char* key, int length, int32_t value);
 
 #endif

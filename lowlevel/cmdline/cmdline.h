@@ -28,8 +28,9 @@
 #include <string>
 
 #include "lowlevel/cmdline/pointervector.h"
+#include "lowlevel/lowlevel_export.h"
 
-class ZCmdLine {
+class LOWLEVEL_EXPORT ZCmdLine {
  public:
   // One parameter of the line, without its delimiters. An empty value and no value are the same.
   struct EntryInfo {

@@ -13,6 +13,7 @@
 
 #include "lowlevel/files/blockcache.h"
 #include "lowlevel/files/filebase.h"
+#include "lowlevel/lowlevel_export.h"
 
 class ZfileCompression;
 
@@ -44,7 +45,7 @@ class ZOffsetMapTable {
 
 extern ZOffsetMapTable offsetMapTable;
 
-class ZCompressedFileBase : public ZFileBase {
+class LOWLEVEL_EXPORT ZCompressedFileBase : public ZFileBase {
  public:
   ZCompressedFileBase();
   // Wraps a handle opened elsewhere (not owned). A regular file is checked for compression and

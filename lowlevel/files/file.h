@@ -12,8 +12,9 @@
 
 #include "lowlevel/files/cmpfilbs.h"
 #include "lowlevel/support/support.h"
+#include "lowlevel/lowlevel_export.h"
 
-class ZFile : public ZCompressedFileBase {
+class LOWLEVEL_EXPORT ZFile : public ZCompressedFileBase {
  public:
   enum eFileTypes : int { eAllFiles = 0, eCdFiles = 1, eNonCdFiles = 2 };
 

@@ -7,7 +7,9 @@
 #include <cstdint>
 #include <string>
 
-class ZFileBase {
+#include "lowlevel/lowlevel_export.h"
+
+class LOWLEVEL_EXPORT ZFileBase {
  public:
   // Closed (handle -1) and owning.
   ZFileBase();

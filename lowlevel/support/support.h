@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "lowlevel/lowlevel_export.h"
+
 // The volume a path names. Values beyond the named ones are numbered volumes: volume N is N + 1.
 enum eCDVolType : int {
   eCDVolNone = 0,     // the path names no volume
@@ -25,7 +27,7 @@ enum ZEReporterFlag : int {
 //
 // Directory texts stay the property of the object; the library reads them at once and keeps no
 // pointer to them.
-class ZlowLevelSupport {
+class LOWLEVEL_EXPORT ZlowLevelSupport {
  public:
   constexpr ZlowLevelSupport() {}
   constexpr ZlowLevelSupport(const ZlowLevelSupport&) {}
@@ -56,21 +58,21 @@ class ZlowLevelSupport {
 // Installs the host's support object, replacing whatever was installed. No ownership is taken and
 // the object must outlive every file, tree and command line of the library. A null pointer
 // reinstalls the library's default object, so the library never calls through a null pointer.
-void setLowLevelSupportPtr(ZlowLevelSupport* support);
+LOWLEVEL_EXPORT void setLowLevelSupportPtr(ZlowLevelSupport* support);
 
 // Passes a report to the installed object's reporter, unchanged.
-void reporterLL(const char* message, const char* function, ZEReporterFlag flag,
-                const char* sourceModule, int line);
+LOWLEVEL_EXPORT void reporterLL(const char* message, const char* function, ZEReporterFlag flag,
+                                const char* sourceModule, int line);
 // The same with strings; an empty string passes as an empty text, never as null.
-void reporterLL(const std::string& message, const std::string& function, ZEReporterFlag flag,
-                const char* sourceModule, int line);
+LOWLEVEL_EXPORT void reporterLL(const std::string& message, const std::string& function,
+                                ZEReporterFlag flag, const char* sourceModule, int line);
 
 // "0x" followed by hexadecimal digits (lower-case x only) gives their value in 32 bits, digits
 // beyond the eighth pushing the first ones out; every character is taken as a digit, none refused.
 // Anything else is read as a decimal number with optional blanks and sign in front, stopping at the
 // first other character, saturating at the 32-bit limits; 0 when there are no digits. A null text
 // gives 0.
-int32_t convertStringToLong(const char* text);
+LOWLEVEL_EXPORT int32_t convertStringToLong(const char* text);
 
 namespace lowlevel {
 // The installed support object; never null. For the library's own use.

@@ -1,7 +1,11 @@
-// Uses the shared library from another project: a support object, a file and a number conversion.
+// Uses the shared library from another project: a support object, a file, a number conversion, a
+// tree and a command line. Includes every public header, so an installed set must be complete.
 #include <cstdio>
 #include <string>
 
+#include "lowlevel/btree/btree.h"
+#include "lowlevel/btree/btreetools.h"
+#include "lowlevel/cmdline/cmdline.h"
 #include "lowlevel/files/file.h"
 #include "lowlevel/support/support.h"
 
@@ -30,6 +34,15 @@ int main() {
   if (file.Read(buffer, 8) != 5 || std::string(buffer) != "hello") return 1;
   file.Close();
   std::remove("consumer-check.txt");
+  {
+    BTree tree("consumer-check.btr", 4, 8, false, 0, 0, 0);
+    int32_t value = 0;
+    if (!tree.insertKey(7, "pear", 0) || !tree.find(value, "pear", 0) || value != 7) return 1;
+  }
+  std::remove("consumer-check.btr");
+  ZCmdLine line("mode=fast");
+  std::string mode;
+  if (!line.GetValue("mode", mode) || mode != "fast") return 1;
   setLowLevelSupportPtr(nullptr);
   std::printf("consumer: ok\n");
   return 0;

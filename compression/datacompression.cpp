@@ -1,0 +1,3 @@
+#include "compression/datacompression.h"
+
+ZdataCompression::~ZdataCompression() = default;
