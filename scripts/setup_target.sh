@@ -55,11 +55,18 @@ mkdir -p "$apt_dir/lists/partial" "$apt_dir/cache/archives/partial" "$apt_dir/de
 apt_opts=(-o "APT::Architectures::=$(dpkg --print-architecture)" -o "APT::Architectures::=$arch"
           -o "Dir::State::Lists=$apt_dir/lists" -o "Dir::Cache=$apt_dir/cache" -q)
 echo "setup --target $name: fetching the $arch package lists"
-# A mirror caught in the middle of an update answers with mismatched lists for a while: try again.
+# A mirror caught in the middle of an update answers with mismatched lists for a while: try again,
+# then go on with the lists that did arrive (the download below fails if a package is missing).
 for try in 1 2 3; do
   apt-get "${apt_opts[@]}" update >"$apt_dir/update.log" 2>&1 && ! grep -q '^[EW]: ' "$apt_dir/update.log" && break
-  [ $try -eq 3 ] && fail "cannot fetch the $arch package lists (see $apt_dir/update.log)"
-  sleep 30
+  if [ $try -eq 3 ]; then
+    ls "$apt_dir"/lists/*_binary-"${arch}"_Packages* >/dev/null 2>&1 ||
+      fail "cannot fetch the $arch package lists (see $apt_dir/update.log)"
+    echo "setup --target $name: some $arch lists did not arrive, going on without them:" >&2
+    grep '^[EW]: ' "$apt_dir/update.log" | head -n 3 >&2
+  else
+    sleep 15
+  fi
 done
 
 # Adds the library packages each wanted package depends on, until nothing new comes.
