@@ -36,6 +36,9 @@ set(ENV{PKG_CONFIG_LIBDIR}
     "${LOWLEVEL_SYSROOT}/usr/lib/${LOWLEVEL_MULTIARCH}/pkgconfig:${LOWLEVEL_SYSROOT}/usr/share/pkgconfig")
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "${LOWLEVEL_SYSROOT}")
 
-# The loader and the C++ runtime come from the compiler's root, the other libraries from the sysroot.
+# The loader and the C and C++ runtime come from the compiler's root, the other libraries from the
+# sysroot. The runtime's directory is named first so that the loader never takes a library of the
+# same architecture that this machine lists in its own cache (an x86-64 host may have 32-bit glibc
+# in /lib32, of another build than the loader: programs then hang in their first thread).
 set(CMAKE_CROSSCOMPILING_EMULATOR ${LOWLEVEL_QEMU} -L ${LOWLEVEL_RUNTIME_ROOT}
-    -E LD_LIBRARY_PATH=${LOWLEVEL_SYSROOT}/usr/lib/${LOWLEVEL_MULTIARCH})
+    -E LD_LIBRARY_PATH=${LOWLEVEL_RUNTIME_ROOT}/lib:${LOWLEVEL_SYSROOT}/usr/lib/${LOWLEVEL_MULTIARCH})
