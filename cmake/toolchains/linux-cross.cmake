@@ -31,6 +31,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# The linker looks for the libraries that the sysroot's libraries need (ICU's data, say) there too.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${LOWLEVEL_SYSROOT}/usr/lib/${LOWLEVEL_MULTIARCH}")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-Wl,-rpath-link,${LOWLEVEL_SYSROOT}/usr/lib/${LOWLEVEL_MULTIARCH}")
+
 unset(ENV{PKG_CONFIG_PATH})
 set(ENV{PKG_CONFIG_LIBDIR}
     "${LOWLEVEL_SYSROOT}/usr/lib/${LOWLEVEL_MULTIARCH}/pkgconfig:${LOWLEVEL_SYSROOT}/usr/share/pkgconfig")
