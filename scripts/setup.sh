@@ -1,10 +1,16 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building, testing and benchmarking need, but only the ones that
 # are missing; running it again on a ready machine does nothing. Works as root without a terminal.
+# `setup.sh --target NAME` also fetches what the cross platform NAME needs (scripts/setup_target.sh).
 set -euo pipefail
 
+if [ "${1:-}" = --target ]; then
+  bash "$0"
+  exec bash "$(dirname "$0")/setup_target.sh" "${2:?usage: setup.sh --target NAME}"
+fi
+
 packages=(
-  cmake ninja-build g++ clang pkg-config
+  cmake ninja-build g++ clang pkg-config ccache
   libgtest-dev libgmock-dev libbenchmark-dev
   libzstd-dev libxxhash-dev libicu-dev zstd
   libcli11-dev nlohmann-json3-dev

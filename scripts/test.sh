@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, then builds and runs every test: a g++ build, a clang build under
 # AddressSanitizer and UndefinedBehaviorSanitizer, and a small project that uses the library
-# through add_subdirectory.
+# through add_subdirectory; then every cross platform through its presets, tests under its emulator.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -30,7 +30,26 @@ run cmake -S tests/consumer -B build/consumer -G Ninja -DLOWLEVEL_DIR="$PWD" >/d
 run cmake --build build/consumer -j "$jobs"
 run ./build/consumer/consumer
 
-# One closing line over both test runs (each run above stops the script on a failure).
-total=$(cat build/gcc-ctest.log build/asan-ctest.log | sed -n 's/.*tests passed, 0 tests failed out of \([0-9]*\).*/\1/p' |
+# Each cross platform: its own set-up (which fails the run when it cannot fetch), every test through
+# the presets, and the consumer project configured with the toolchain file alone.
+cross_platforms=(linux-i686 linux-s390x)
+logs=(build/gcc-ctest.log build/asan-ctest.log)
+for platform in "${cross_platforms[@]}"; do
+  echo "== $platform: set-up, build and tests"
+  start=$SECONDS
+  run bash scripts/setup.sh --target "$platform"
+  run cmake --preset "$platform" >/dev/null
+  run cmake --build --preset "$platform"
+  run ctest --preset "$platform" | tee "build/$platform-ctest.log"
+  run cmake -S tests/consumer -B "build/consumer-$platform" -G Ninja -DLOWLEVEL_DIR="$PWD" \
+    --toolchain "$PWD/cmake/toolchains/$platform.cmake" -DCMAKE_CXX_COMPILER_LAUNCHER=ccache >/dev/null
+  run cmake --build "build/consumer-$platform" -j "$jobs"
+  run ctest --test-dir "build/consumer-$platform" --output-on-failure | tee "build/consumer-$platform-ctest.log"
+  logs+=("build/$platform-ctest.log" "build/consumer-$platform-ctest.log")
+  echo "== $platform: $((SECONDS - start)) s"
+done
+
+# One closing line over all test runs (each run above stops the script on a failure).
+total=$(cat "${logs[@]}" | sed -n 's/.*tests passed, 0 tests failed out of \([0-9]*\).*/\1/p' |
         awk '{ n += $1 } END { print n + 0 }')
 echo "tests: $total passed, 0 failed"
