@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "lowlevel/platform/io_system.h"
+#include "lowlevel/platform/pipe.h"
 
 namespace lowlevel {
 namespace platform {
@@ -203,5 +204,8 @@ bool sameFile(const char* pathA, const char* pathB) {
 }
 
 }  // namespace sys
+
+int makePipe(int handles[2]) { return ::pipe(handles) == 0 ? 0 : -1; }
+
 }  // namespace platform
 }  // namespace lowlevel
