@@ -308,7 +308,8 @@ TEST_F(ZFileTest, LocationsAndFailingCloses) {
   host.locationDirs = {"cd:"};
   ZFile f("data.bin", "DISC", kRead, 0);
   EXPECT_EQ("cd", Access::where(f));
-  ZFile g(plain, "NOPE", kRead, 0);  // reported, then opened unchanged
+  // Reported, then opened unchanged; a drive letter's colon would keep the location away.
+  ZFile g(plain.substr(plain.find(':') + 1), "NOPE", kRead, 0);
   EXPECT_EQ("other+", state(g));
   ASSERT_EQ(1u, host.reports.size());
   EXPECT_EQ("ZFile::BuildPath", host.reports[0].function);
