@@ -22,9 +22,9 @@ set(ENV{PKG_CONFIG_LIBDIR} "${LOWLEVEL_SYSROOT}/usr/lib/pkgconfig:${LOWLEVEL_SYS
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "${LOWLEVEL_SYSROOT}")
 
 # The compiler's runtime goes into every program and DLL, so they run without MinGW's DLLs beside
-# them.
+# them. A DLL exports none of what it took from static libraries (the runtime, zstd).
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static -Wl,--exclude-libs,ALL")
 
 # A quiet Wine with a prefix of its own, no display and no standard input needed.
 set(CMAKE_CROSSCOMPILING_EMULATOR env "WINEPREFIX=${LOWLEVEL_TARGET_TOP}/build/wine-prefix"
