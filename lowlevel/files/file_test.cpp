@@ -308,8 +308,11 @@ TEST_F(ZFileTest, LocationsAndFailingCloses) {
   host.locationDirs = {"cd:"};
   ZFile f("data.bin", "DISC", kRead, 0);
   EXPECT_EQ("cd", Access::where(f));
-  // Reported, then opened unchanged; a drive letter's colon would keep the location away.
-  ZFile g(plain.substr(plain.find(':') + 1), "NOPE", kRead, 0);
+  // Reported, then opened unchanged. Relative, as a drive letter's colon would keep the location away.
+  const std::filesystem::path cwd = std::filesystem::current_path();
+  std::filesystem::current_path(dir.path());
+  ZFile g("plain.bin", "NOPE", kRead, 0);
+  std::filesystem::current_path(cwd);
   EXPECT_EQ("other+", state(g));
   ASSERT_EQ(1u, host.reports.size());
   EXPECT_EQ("ZFile::BuildPath", host.reports[0].function);

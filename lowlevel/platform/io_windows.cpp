@@ -35,8 +35,13 @@ int32_t fitted(int64_t value) { return value < 0 || value > INT32_MAX ? -1 : sta
 }  // namespace
 
 std::string hostPath(const char* path) {
-  // Both separators and drive letters are the system's own.
-  return std::string(path != nullptr ? path : "");
+  // The system takes either separator; turning backslashes into slashes gives every system the
+  // same host paths. Drive letters stay.
+  std::string result(path != nullptr ? path : "");
+  for (char& c : result) {
+    if (c == '\\') c = '/';
+  }
+  return result;
 }
 
 int open(const char* path, unsigned flags, unsigned permission) {
