@@ -12,6 +12,7 @@
 
 #include "lowlevel/platform/io_system.h"
 #include "lowlevel/platform/pipe.h"
+#include "lowlevel/platform/stdstreams.h"
 
 namespace lowlevel {
 namespace platform {
@@ -206,6 +207,8 @@ bool sameFile(const char* pathA, const char* pathB) {
 }  // namespace sys
 
 int makePipe(int handles[2]) { return ::pipe(handles) == 0 ? 0 : -1; }
+
+void useBinaryStandardStreams() {}  // streams carry bytes unchanged already
 
 }  // namespace platform
 }  // namespace lowlevel

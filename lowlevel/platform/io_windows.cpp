@@ -13,6 +13,7 @@
 
 #include "lowlevel/platform/io_system.h"
 #include "lowlevel/platform/pipe.h"
+#include "lowlevel/platform/stdstreams.h"
 
 namespace lowlevel {
 namespace platform {
@@ -153,6 +154,12 @@ bool sameFile(const char* pathA, const char* pathB) {
 }  // namespace sys
 
 int makePipe(int handles[2]) { return ::_pipe(handles, 4096, _O_BINARY) == 0 ? 0 : -1; }
+
+void useBinaryStandardStreams() {
+  _setmode(0, _O_BINARY);
+  _setmode(1, _O_BINARY);
+  _setmode(2, _O_BINARY);
+}
 
 }  // namespace platform
 }  // namespace lowlevel
