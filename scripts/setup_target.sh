@@ -22,7 +22,11 @@ case "$name" in
     arch=s390x
     host_packages=(g++-s390x-linux-gnu qemu-user)
     ;;
-  *) fail "unknown platform (known: linux-i686, linux-s390x)" ;;
+  windows-x64)
+    # Built from Debian's sources with the MinGW compiler rather than unpacked: its own script.
+    exec bash scripts/setup_windows.sh
+    ;;
+  *) fail "unknown platform (known: linux-i686, linux-s390x, windows-x64)" ;;
 esac
 target_packages=(libzstd-dev libxxhash-dev libicu-dev libgtest-dev libcli11-dev nlohmann-json3-dev)
 # Provided by the cross compiler's own packages, or not needed to build and run.

@@ -36,7 +36,7 @@ run bash scripts/test_install.sh build/gcc
 
 # Each cross platform: its own set-up (which fails the run when it cannot fetch), every test through
 # the presets, and the consumer project configured with the toolchain file alone.
-cross_platforms=(linux-i686 linux-s390x)
+cross_platforms=(linux-i686 linux-s390x windows-x64)
 logs=(build/gcc-ctest.log build/asan-ctest.log)
 for platform in "${cross_platforms[@]}"; do
   echo "== $platform: set-up, build and tests"

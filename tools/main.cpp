@@ -2,9 +2,11 @@
 #include <cstdio>
 
 #include "lowlevel/btree/btree.h"
+#include "lowlevel/platform/stdstreams.h"
 #include "tools/tool.h"
 
 int main(int argc, char** argv) {
+  lowlevel::platform::useBinaryStandardStreams();  // the same output bytes on every system
   ToolContext ctx;
   CLI::App app{"lowlevel: B-tree index files, compressed files and command lines"};
   app.set_version_flag("--version", "lowlevel 0.1.0");

@@ -7,6 +7,7 @@
 
 #include "compression/seekable_writer.h"
 #include "lowlevel/platform/io.h"
+#include "lowlevel/platform/pipe.h"
 #include "tests/testsupport/testing.h"
 
 namespace io = lowlevel::platform;
@@ -111,7 +112,7 @@ TEST_F(CompressedFileTest, HandlesFromOutsideAndPrivateMaps) {
   EXPECT_EQ(0, io::tell(h));
   EXPECT_EQ(0, io::close(h));
   int fds[2];
-  ASSERT_EQ(0, ::pipe(fds));
+  ASSERT_EQ(0, lowlevel::platform::makePipe(fds));
   ASSERT_EQ(2, ::write(fds[1], "hi", 2));
   {
     Probe p(fds[0]), closed(-3);

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 
+#include "lowlevel/platform/pipe.h"
 #include "tests/testsupport/testing.h"
 
 namespace io = lowlevel::platform;
@@ -110,7 +111,7 @@ TEST(PlatformIo, StatTellsRegularFilesFromPipes) {
   EXPECT_EQ(3, st.size);
   io::close(h);
   int fds[2];
-  ASSERT_EQ(0, ::pipe(fds));
+  ASSERT_EQ(0, lowlevel::platform::makePipe(fds));
   ASSERT_EQ(0, io::fstat(fds[0], &st));
   EXPECT_EQ(io::kModeFifo, st.mode);
   ::close(fds[0]);

@@ -1,4 +1,5 @@
-// Locale mapping of key text: the library's stand-in for the Windows LCMapStringA, built on ICU.
+// Locale mapping of key text: LCMapStringA on Windows, and the library's stand-in for it, built on
+// ICU, elsewhere.
 //
 // `lcid` is a Windows locale identifier (0 and the system/user default identifiers mean the root
 // locale); text is one byte to a character in the locale's Windows ANSI code page. `mapFlags` uses
