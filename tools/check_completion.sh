@@ -15,9 +15,9 @@ expect() {  # expect WANTED WORD... : completing the last WORD offers WANTED
   fi
 }
 expect "btree pack unpack cat cmdline demo" lowlevel ""
-expect "-h --help --version --host --json --location" lowlevel -
+expect "-h --help --version --host --json --cache-mib --location" lowlevel -
 expect "btree" lowlevel --host h.ini --json b
-expect "replace repack" lowlevel btree re
+expect "replace repair repack" lowlevel btree re
 expect "--limit --long-keys" lowlevel --json btree scan words.btr --l
 expect "--separator" lowlevel cmdline parse --s
 expect "$1" lowlevel btree get "${1%?}"

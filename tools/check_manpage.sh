@@ -28,7 +28,7 @@ walk() {
       return
     fi
   fi
-  for word in $(part Options "$help"); do
+  for word in $(part Options "$help" | grep -e "^-"); do
     for name in ${word//,/ }; do
       [ -n "$path" ] && [ "$name" = --help -o "$name" = -h ] && continue
       grep -qE -- "(^|[ ,])$name( |,|$)" <<<"$body" ||
