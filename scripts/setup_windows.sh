@@ -54,6 +54,7 @@ Version: $(sed -n 's/^#define XXH_VERSION_\(MAJOR\|MINOR\|RELEASE\) *\([0-9]*\).
 Cflags: -I\${includedir} -DXXH_INLINE_ALL
 PC
 
+export LOWLEVEL_SETUP=1  # the toolchain file then does not ask for the sysroot it helps to build
 cross=(-G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr)
 command -v ccache >/dev/null && cross+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 

@@ -9,7 +9,8 @@ set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
 
 get_filename_component(LOWLEVEL_TARGET_TOP "${CMAKE_CURRENT_LIST_DIR}/../.." ABSOLUTE)
 set(LOWLEVEL_SYSROOT "${LOWLEVEL_TARGET_TOP}/build/sysroot/windows-x64")
-if(NOT EXISTS "${LOWLEVEL_SYSROOT}/usr/lib/libzstd.a")
+# The set-up builds the sysroot's own libraries with this file, before they exist.
+if(NOT EXISTS "${LOWLEVEL_SYSROOT}/usr/lib/libzstd.a" AND NOT DEFINED ENV{LOWLEVEL_SETUP})
   message(FATAL_ERROR "No sysroot for windows-x64 in ${LOWLEVEL_SYSROOT}: "
                       "run scripts/setup.sh --target windows-x64 first.")
 endif()
