@@ -146,7 +146,7 @@ TEST(BTreeObject, ConversionAndBlankReplacement) {
   EXPECT_EQ(T::convertCapacity(t), 22);
   T::setConversion(t, 0x409, lc::kNormIgnoreSymbols, 1);
   EXPECT_EQ(converted("a b", 0), std::string("ab\0", 3));
-  T::setConversion(t, 0x409, lc::kNormIgnoreSymbols | lc::kNormIgnoreCase, 0);
+  T::setConversion(t, 0x409, lc::kNormIgnoreSymbols, 0);  // Windows refuses ignore-case for text
   EXPECT_EQ(T::bytes(T::prepareKey(t, "a b", 0, 0)), std::string("a0b\0\0\0\0\0", 8));
 }
 

@@ -144,7 +144,11 @@ TEST_F(ZFileTest, OpensResolveLocationsAndAskForAVolumeOnceMore) {
   cdPaths[0].second = slotB + "/";  // the first answer is the wrong directory
   locationNames = {"DISC"};
   locationDirs = {"cd:"};
-  ZFile f("data.bin", "DISC", kRead, 0), g(plain, "NOPE", kRead, 0);  // g: reported, then opened
+  // g: reported, then opened. Relative, as a drive letter's colon would keep the location away.
+  const std::filesystem::path cwd = std::filesystem::current_path();
+  std::filesystem::current_path(dir.path());
+  ZFile f("data.bin", "DISC", kRead, 0), g("plain.bin", "NOPE", kRead, 0);
+  std::filesystem::current_path(cwd);
   EXPECT_EQ("cd+other+1", state(f) + state(g) + std::to_string(reports.size()));
   retryAnswer = slotB + "/";
   EXPECT_FALSE(f.Open("cd:data.bin", kRead, 0));  // a failed open stays listed, closed
