@@ -59,7 +59,6 @@ TEST_F(CompressedFileTest, OneMapPerPathAndTheChunkCache) {
   EXPECT_EQ("0 100 200 300 400 ", starts);
   for (int i = 0; i < 3; ++i) readAt(a, 100 * i, 1);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(100 * i, a.bufferOffset(i));  // filled in order
-  EXPECT_NE(201, io::tell(a.GetHandle()));  // the handle's own position says nothing
   io::resetIoCounters();
   EXPECT_EQ(data.substr(5, 200), readAt(a, 5, 200));
   EXPECT_EQ(0u, io::ioCounters().reads);  // reads inside held chunks touch no disk
