@@ -215,25 +215,31 @@ TEST_F(Reader, LyingOrDamagedFramesFailWithLengthZero) {
   EXPECT_EQ("ok 400 " + a, expand(z_, 0, 400));
 }
 
-TEST_F(Reader, EveryFailingIoCallGivesFalseAndAMessage) {
+// The k-th read, seek or length call fails, for every k: false and the message of that call.
+TEST_F(Reader, EveryFailingIoCallGivesFalseAndItsMessage) {
   const std::string a = lltest::randomBytes(3000, 9), b = lltest::randomBytes(1000, 10);
-  const std::string bytes = seekable({entry(a), entry(b)}, true);
-  int k = 1;
-  for (;; ++k) {
-    ASSERT_LT(k, 100);
+  const Entry first = entry(a);
+  const std::string bytes = seekable({first, entry(b)}, true);
+  std::string messages;
+  for (int k = 1; k < 100; ++k) {
     lltest::FaultInjector fault({io::IoCall::Read, io::IoCall::Seek, io::IoCall::Length});
     fault.failAt = {k};
     std::string got;
     const bool ok = open(bytes) && walk(&got).find('!') == std::string::npos;
     if (fault.failures == 0) {
-      EXPECT_TRUE(ok);
-      EXPECT_EQ(a + b, got);
+      EXPECT_TRUE(ok && got == a + b);
       break;
     }
     EXPECT_FALSE(ok) << k;
-    EXPECT_NE("", z_.getErrMsg()) << k;
+    messages += z_.getErrMsg() + "\n";
   }
-  EXPECT_EQ(10, k);  // nine calls: length, then seek and read of footer, table and both chunks
+  // Length, then seek and read of the footer, the table and each chunk.
+  const std::string table = "not a compressed file: cannot read the seek table", at = " the chunk at ";
+  const std::string second = at + std::to_string(first.frame.size()) + "\n";
+  EXPECT_EQ("not a compressed file: cannot get the length of the file\n" + table + " footer\n" + table +
+                " footer\n" + table + "\n" + table + "\ncannot seek to" + at + "0\ncannot read" + at +
+                "0\ncannot seek to" + second + "cannot read" + second,
+            messages);
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <memory>
+
 #include "compression/seekable_writer.h"
 #include "lowlevel/platform/io.h"
 #include "lowlevel/platform/pipe.h"
@@ -53,7 +55,7 @@ class CompressedFileTest : public ::testing::Test {
 TEST_F(CompressedFileTest, OneMapPerPathAndTheChunkCache) {
   const size_t tableBefore = offsetMapTable.size();
   Probe a(path, kBinary, 0), b(path, kBinary, 0);
-  EXPECT_EQ("shared", a.kind());
+  EXPECT_EQ("shared -1", a.kind() + " " + std::to_string(b.bufferOffset(0)));  // none held yet
   std::string starts;
   for (const auto& chunk : *b.map()) starts += std::to_string(chunk.first) + " ";
   EXPECT_EQ("0 100 200 300 400 ", starts);
@@ -143,7 +145,9 @@ TEST_F(CompressedFileTest, FailedExpansionsGiveShortCountsAndNeverStaleBytes) {
   EXPECT_EQ(data.substr(0, 300), readAt(f, 0, 300));  // three buffers hold 0, 100, 200
   EXPECT_EQ(data.substr(300, 100), readAt(f, 300, 500));  // stops short at the bad chunk
   EXPECT_EQ(400, f.Position());
-  // The failure went into the buffer that held chunk 100; that chunk must be expanded again.
+  // The failure went into the buffer that held chunk 100, which now holds none; that chunk must be
+  // expanded again.
+  EXPECT_EQ(-1, f.bufferOffset(1));
   for (int32_t at : {100, 0, 200, 300}) EXPECT_EQ(data.substr(at, 100), readAt(f, at, 100)) << at;
   EXPECT_EQ("", readAt(f, 450, 10));
   EXPECT_EQ(450, f.Position());
@@ -155,6 +159,12 @@ TEST_F(CompressedFileTest, FailedExpansionsGiveShortCountsAndNeverStaleBytes) {
     EXPECT_EQ("", readAt(g, 10, 50));
   }
   EXPECT_EQ(data.substr(10, 50), readAt(g, 10, 50));
+  std::unique_ptr<Probe> blind;
+  {
+    lltest::FailCalls faults({IoCall::Length}, {1});  // a copy that cannot read the chunk table
+    blind = std::make_unique<Probe>(g);
+  }
+  EXPECT_EQ("", readAt(*blind, 0, 10));  // reads nothing
   Probe e;
   EXPECT_FALSE(e.Open(dir.file("missing"), kBinary, 0));
   lltest::writeFile(dir.file("e.zst"), packed(""));  // a compressed file of length 0
