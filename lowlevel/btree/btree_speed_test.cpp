@@ -21,12 +21,10 @@ std::string answers(const std::string& path, size_t cacheBytes) {
   for (int pass = 0; pass < 2; ++pass) {
     for (int n = 0; n < 130; ++n) {
       int32_t v = -1, w = -1;
-      const bool found = tree.find(v, probe(n).c_str(), 0);
-      const bool at = tree.findGreaterThanOrEqual(w, probe(n).c_str(), 0);
-      out += std::to_string(found) + std::to_string(v) + std::to_string(at) + std::to_string(w) + " ";
+      out += std::to_string(tree.find(v, probe(n).c_str(), 0)) + std::to_string(v) + " ";
+      out += std::to_string(tree.findGreaterThanOrEqual(w, probe(n).c_str(), 0)) + std::to_string(w);
     }
   }
-  setBTreePageCacheSize(0);
   return out;
 }
 
@@ -55,8 +53,9 @@ TEST(BTreeSpeed, HalvingAnswersAsTheScanOnPagesInAndOutOfOrder) {
   ASSERT_GT(leaves, 3);
   lltest::writeFile(path, bytes);
   const std::string reversed = answers(path, 0);
-  EXPECT_NE(sorted, reversed);
+  EXPECT_NE(sorted, reversed);  // the damage shows: some keys are no longer found
   EXPECT_EQ(reversed, answers(path, 1 << 20));
+  setBTreePageCacheSize(0);
 }
 
 }  // namespace
