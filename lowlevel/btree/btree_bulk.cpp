@@ -78,7 +78,8 @@ class BTreeBulkBuilder {
     }
     // Until the last header write the file does not open as a tree.
     file.hdr.magic = 0;
-    file.writeHeader();  // may fail as a page's header write may: the last one decides
+    // The pages go out behind a header that does not open; without it the build does not start.
+    if (!file.writeHeader()) return false;
     file.headerAfterPageWrite = false;
     const bool built = build(levels_.size() - 1, -1) >= 0;
     file.headerAfterPageWrite = true;
