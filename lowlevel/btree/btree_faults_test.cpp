@@ -195,9 +195,7 @@ TEST_P(Faults, EveryCallOfEveryOperation) {
 // Reading under a failing call: opening is refused, or the walks hand out a prefix of the entries
 // and answer false where they stop.
 TEST_P(Faults, ReadsStopCleanly) {
-  static Model* seen;
-  Model inOrder;
-  seen = &inOrder;
+  static Model inOrder;
   auto prefix = [&](const Model& m) { return std::equal(m.begin(), m.end(), model_.begin()); };
   for (int k = 1, failures = 1; failures > 0; ++k) {
     SCOPED_TRACE(k);
@@ -207,7 +205,7 @@ TEST_P(Faults, ReadsStopCleanly) {
     const Model forward = tree.isOk() ? walk(tree, 1000) : Model();
     inOrder.clear();
     const bool whole = tree.isOk() && tree.inOrder([](int32_t v, const char* key, int length) {
-      (*seen)[std::string(key, static_cast<size_t>(length))] = v;
+      inOrder[std::string(key, static_cast<size_t>(length))] = v;
     });
     failures = faults.failures;
     EXPECT_TRUE(prefix(forward) && prefix(inOrder));
@@ -217,42 +215,5 @@ TEST_P(Faults, ReadsStopCleanly) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Depths, Faults, ::testing::Values(1, 2, 3));
-
-// A root whose two children are one leaf: the cursor comes back to the leaf after every climb.
-// Every walk ends: a caller's while (next()) loop after at most as many moves as the file can hold
-// entries, and the traversals and changes with false.
-TEST(CyclicLinks, EveryWalkAndChangeEnds) {
-  lltest::RecordingSupport support;
-  lltest::TempDir dir;
-  const std::string path = dir.file("c.bt");
-  {
-    BTree tree(path, 3, kWidth, false, 0, 0, 0);
-    for (int i = 0; i < 3; ++i) ASSERT_TRUE(tree.insertKey(i, keyOf(i).data(), kWidth));
-  }
-  std::string bytes = lltest::readFile(path);
-  const size_t children = static_cast<size_t>(btreetest::field(bytes, 28)) + 28 + 2 * kWidth + 2 * 4;
-  bytes.replace(children + 4, 4, bytes.substr(children, 4));  // children[1] = children[0]
-  lltest::writeFile(path, bytes);
-  // The cursor moves 64 times freely, then stops: the file holds fewer entries than that.
-  for (bool readOnly : {true, false}) {
-    BTree tree(path, readOnly, 0);
-    ASSERT_TRUE(tree.isOk());
-    int32_t value = 0;
-    int64_t moves = 0;
-    for (bool more = tree.first(value); more && moves < 100000; more = tree.next(value)) ++moves;
-    EXPECT_EQ(moves, 65);  // it did go round
-    EXPECT_FALSE(tree.next(value));  // the cursor is gone
-    EXPECT_EQ(btreetest::walk(tree, true).size(), 1u);
-    int32_t pages = 0;
-    tree.test(false, nullptr, &pages, nullptr);  // its checks do not look for shared pages
-    EXPECT_EQ(pages, 3);                          // but it reads the leaf twice, no more
-    EXPECT_TRUE(tree.inOrder([](int32_t, const char*, int) {}));
-    if (!readOnly) {
-      tree.deleteKey(keyOf(0).data(), kWidth);
-      tree.deleteKey(keyOf(2).data(), kWidth);
-      tree.insertKey(9, keyOf(9).data(), kWidth);
-    }
-  }
-}
 
 }  // namespace

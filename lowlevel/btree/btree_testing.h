@@ -57,18 +57,6 @@ struct BTreeTestAccess {
     return problem;
   }
 
-  // The tree as one text, pages in pre-order from the root: "offset:[keys]" and, for interior
-  // pages, "->(children)"; with `values`, each key as key=value. Keys show as big-endian numbers
-  // (4-byte slots only).
-  static std::string shape(BTree& t, bool values = false) {
-    BTreePage rootPage(0, 0);
-    if (!t.pageFile->readPage(t.pageFile->hdr.rootOffset, rootPage)) return "no root";
-    std::string out;
-    int64_t budget = t.pageFile->recordLimit();
-    render(t.pageFile, rootPage, values, out, budget);
-    return out.substr(1);
-  }
-
  private:
   struct Walk {
     Walk(BTreePageFile* f, int64_t l, bool r) : pf(f), limit(l), relaxed(r) {}
@@ -107,28 +95,6 @@ struct BTreeTestAccess {
       return "";
     }
   };
-
-  static void render(BTreePageFile* pf, const BTreePage& page, bool values, std::string& out,
-                     int64_t& budget) {
-    if (--budget < 0) return;
-    out += " " + std::to_string(page.offset) + ":[";
-    for (uint32_t i = 0; i < page.keyCount && i < page.maxKeys; ++i) {
-      uint32_t k = 0;
-      for (unsigned char c : bytes(page.keys[i])) k = (k << 8) | c;
-      out += (i ? " " : "") + std::to_string(k) + (values ? "=" + std::to_string(page.values[i]) : "");
-    }
-    out += "]";
-    if (page.children[0] == -1) return;
-    std::vector<BTreePage> kids;
-    out += "->(";
-    for (uint32_t i = 0; i <= page.keyCount && i < page.order; ++i) {
-      out += (i ? "," : "") + std::to_string(page.children[i]);
-      kids.emplace_back(0, 0);
-      if (!pf->readPage(page.children[i], kids.back())) kids.pop_back();
-    }
-    out += ")";
-    for (const BTreePage& kid : kids) render(pf, kid, values, out, budget);
-  }
 };
 
 namespace btreetest {

@@ -207,17 +207,6 @@ TEST(BTreeTools, VersionAndLongKeysKeptInsideALargerFile) {
   }
 }
 
-// Keys in the subtree of the uncompressed record at `at` (slot width 10).
-int64_t subtreeKeys(const std::string& file, int32_t at, int order) {
-  int64_t sum = le32(file, static_cast<size_t>(at) + 20);
-  const size_t children = static_cast<size_t>(at) + 28 + static_cast<size_t>((order - 1) * 14);
-  for (int i = 0; i < order; ++i) {
-    const int32_t child = le32(file, children + 4 * static_cast<size_t>(i));
-    if (child != -1) sum += subtreeKeys(file, child, order);
-  }
-  return sum;
-}
-
 TEST(BTreeTools, RepackedShapes) {
   struct Row {
     int order, keys, depth;
@@ -240,15 +229,17 @@ TEST(BTreeTools, RepackedShapes) {
       entries.emplace_back(key + std::string(10 - key.size(), '\0'), i);
     }
     ASSERT_TRUE(makeTree(src, 7, 10, false, entries) && repackBTree(src, dst, row.order));
-    const int order = static_cast<int>(row.counts.size()) - 1;
-    const std::string file = lltest::readFile(dst);
-    std::vector<int64_t> counts = {le32(file, 46 + 20)};
-    for (int i = 0; i < order; ++i) {
-      const int32_t child = le32(file, 46 + 28 + static_cast<size_t>((order - 1) * 14 + 4 * i));
-      counts.push_back(child == -1 ? 0 : subtreeKeys(file, child, order));
+    BTree source(src, true, 0), target(dst, true, 0);
+    std::vector<int64_t> counts(row.counts.size(), 0);  // by the depth of each entry in order
+    size_t child = 1;
+    int32_t v = 0;
+    for (bool more = target.first(v); more && child < counts.size(); more = target.next(v)) {
+      int depth = -1, index = -1;
+      target.getCurrentKeyDepthAndIndex(depth, index);
+      ++counts[depth == 0 ? 0 : child];
+      child += depth == 0;
     }
     EXPECT_EQ(counts, row.counts);
-    BTree source(src, true, 0), target(dst, true, 0);
     EXPECT_EQ(target.depth(), row.depth);
     EXPECT_EQ(target.getKeyCount(), row.keys);
     EXPECT_EQ(walk(target, false), walk(source, false));
