@@ -13,6 +13,7 @@
 #include "lowlevel/btree/btree.h"
 #include "lowlevel/btree/btreepage.h"
 #include "lowlevel/btree/btreepagefile.h"
+#include "tests/testsupport/testing.h"
 
 struct BTreeTestAccess {
   static BTreePageFile* pageFile(BTree& t) { return t.pageFile; }
@@ -198,26 +199,17 @@ struct Shape {
     return file.substr(static_cast<size_t>(at(n)), static_cast<size_t>(recordSize()));
   }
 
-  // Lays the records down through the page file, record n at its place, the keyCount their sum.
-  bool build(const std::string& path, const std::vector<Rec>& recs, int rootRecord, bool duplicates = false) const {
-    std::remove(path.c_str());
-    BTreePageFile pf(path, order, duplicates ? slot - 4 : slot, duplicates, 0, 0, 0);
+  // Writes a file of these records, record n at its place, under the header of a new tree of
+  // this shape with the keyCount their sum and the root at `rootRecord`.
+  void build(const std::string& path, const std::vector<Rec>& recs, int rootRecord, bool duplicates = false) const {
+    { BTreePageFile pf(path, order, duplicates ? slot - 4 : slot, duplicates, 0, 0, 0); }
+    std::string file = lltest::readFile(path).substr(0, 46);
     int32_t total = 0;
-    for (size_t n = 0; pf.ok && n < recs.size(); ++n) {
-      BTreePage page(order, slot);
-      page.offset = at(static_cast<int>(n));
-      page.parentOffset = at(recs[n].parent);
-      page.keyCount = static_cast<uint32_t>(recs[n].entries.size());
-      for (size_t i = 0; i < recs[n].entries.size(); ++i) {
-        page.keys[i] = BTreePageKey(slot, recs[n].entries[i].bytes.data(), slot);
-        page.values[i] = recs[n].entries[i].value;
-      }
-      for (size_t i = 0; i < recs[n].kids.size(); ++i) page.children[i] = at(recs[n].kids[i]);
-      if (!pf.writePage(page, static_cast<int>(n) == rootRecord)) return false;
-      total += static_cast<int32_t>(page.keyCount);
+    for (size_t n = 0; n < recs.size(); ++n) {
+      file += encode(static_cast<int>(n), recs[n]);
+      total += static_cast<int32_t>(recs[n].entries.size());
     }
-    pf.keyCount = total;
-    return pf.ok;
+    lltest::writeFile(path, file.replace(24, 8, le4(total) + le4(at(rootRecord))));
   }
 };
 

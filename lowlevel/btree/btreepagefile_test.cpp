@@ -51,10 +51,7 @@ TEST(BTreePageKey, PadsCutsAndCarriesTheValueTail) {
       {BTreePageKey(8, "ab", 0, 1), std::string("ab\0\0\0\0\0\x01", 8), 2},
       {BTreePageKey(8, "abcdef", 0, 0x01020304), "abcd\x01\x02\x03\x04", 4},
       {BTreePageKey(8, "ab", 2, -1), std::string("ab\0\0\xFF\xFF\xFF\xFF", 8), 2}};
-  for (const Case& c : cases) {
-    EXPECT_EQ(bytesOf(c.key), c.bytes);
-    EXPECT_EQ(c.key.length, c.length) << c.bytes;
-  }
+  for (const Case& c : cases) EXPECT_EQ(bytesOf(c.key) + "/" + std::to_string(c.key.length), c.bytes + "/" + std::to_string(c.length));
   // Differ only behind the slot; value tails and bytes compare unsigned; a shorter key first.
   EXPECT_EQ(BTreePageKey(4, "abcdef", 6).compare(BTreePageKey(4, "abcdXY", 0)), 0);
   EXPECT_GT(BTreePageKey(8, "ab", 2, -1).compare(BTreePageKey(8, "ab", 2, 1)), 0);
@@ -161,9 +158,8 @@ TEST(BTreePageFile, OpeningRefusesWithExactMessages) {
     EXPECT_EQ(openWith(bad, c.readOnly), std::vector<std::string>{c.message}) << c.at << " " << c.with;
   }
   lltest::RecordingSupport support;
-  { BTreePageFile pf(dir.file("missing.bt"), true, 0); EXPECT_FALSE(pf.ok); }
-  { BTreePageFile pf(dir.file("missing.bt"), false, 5); EXPECT_FALSE(pf.ok); }
-  { BTreePageFile pf(dir.file("no/such/dir.bt"), 3, 4, false, 0, 0, 0); EXPECT_FALSE(pf.ok); }
+  EXPECT_FALSE(BTreePageFile(dir.file("missing.bt"), true, 0).ok || BTreePageFile(dir.file("missing.bt"), false, 5).ok ||
+               BTreePageFile(dir.file("no/such/dir.bt"), 3, 4, false, 0, 0, 0).ok);
   EXPECT_EQ(messages(support),
             (std::vector<std::string>{
                 "Unable to open file (" + dir.file("missing.bt") + ").",
@@ -226,7 +222,6 @@ TEST(BTreePageFile, FreeChainLastFreedFirstReused) {
   lltest::TempDir dir;
   const std::string path = makeEmpty(dir);
   BTreePageFile pf(path, false, 0);
-  ASSERT_TRUE(pf.ok);
   // Places pages in turn; answers each placement as offset/free head/root offset.
   auto place = [&](std::initializer_list<std::pair<BTreePage*, bool>> pages) {
     std::string out;
@@ -253,9 +248,7 @@ TEST(BTreePageFile, FreeChainLastFreedFirstReused) {
   c.keys[0] = BTreePageKey(4, "ab", 2);
   EXPECT_EQ(place({{&c, false}}), "158/214/102 ");
   BTreePage back(0, 0);
-  ASSERT_TRUE(pf.readPage(158, back));
-  EXPECT_EQ(back.keyCount, 1u);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(back.keys[0].data), 4), std::string("ab\0\0", 4));
+  EXPECT_TRUE(pf.readPage(158, back) && back.keyCount == 1u && bytesOf(back.keys[0]) == std::string("ab\0\0", 4));
   // A damaged chain that loops onto itself is not followed.
   pf.freePage(158);
   pf.freePage(158);
@@ -278,8 +271,7 @@ TEST(BTreePageFile, ReadPageRefusesBadRecordsAndKeepsThePage) {
   page.keyCount = 1;
   page.keys[0] = BTreePageKey(4, "keep", 4);
   ASSERT_TRUE(readAt(good, 102, page));
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(page.keys[0].data), 4), "abcd");
-  EXPECT_EQ(page.keys[1].data, nullptr);  // unused slot stays empty
+  EXPECT_TRUE(bytesOf(page.keys[0]) == "abcd" && page.keys[1].data == nullptr);  // unused slot stays empty
   page.keys[0] = BTreePageKey(4, "keep", 4);
   struct Bad { size_t at; int32_t value; int32_t offset; } bads[] = {
       {102, 102, 106},  // not the start of a record
@@ -290,8 +282,7 @@ TEST(BTreePageFile, ReadPageRefusesBadRecordsAndKeepsThePage) {
   for (const Bad& b : bads) {
     std::string bytes = good;
     patch(bytes, b.at, le32(b.value));
-    EXPECT_FALSE(readAt(bytes, b.offset, page)) << b.at << " " << b.value;
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(page.keys[0].data), 4), "keep");
+    EXPECT_TRUE(!readAt(bytes, b.offset, page) && bytesOf(page.keys[0]) == "keep") << b.at << " " << b.value;
   }
   for (size_t cut = 103; cut < good.size(); cut += 9)
     EXPECT_FALSE(readAt(good.substr(0, cut), 102, page)) << cut;
@@ -306,18 +297,12 @@ TEST(BTreePageFile, ReadOnlyAtAnOffsetAndWritesRefused) {
   patch(front, 900, le32(-100) + tree.substr(50));
   lltest::writeFile(dir.file("big.bin"), front + tree + "tail");
   BTreePageFile pf(dir.file("big.bin"), true, 1000);
-  ASSERT_TRUE(pf.ok);
-  EXPECT_EQ(pf.keyCount, 5);
-  BTreePage root(0, 0);
-  ASSERT_TRUE(pf.readPage(46, root));
-  EXPECT_EQ(root.order, 3u);
+  BTreePage root(0, 0), other(4, 4);
+  ASSERT_TRUE(pf.ok && pf.keyCount == 5 && pf.readPage(46, root) && root.order == 3u);
   EXPECT_FALSE(pf.readPage(1046, root) || pf.readPage(-100, root));
   pf.keyCount = 9;
   EXPECT_TRUE(pf.writeHeader());
-  EXPECT_FALSE(pf.writePage(root, true));
-  EXPECT_FALSE(pf.freePage(46));
-  BTreePage other(4, 4);
-  EXPECT_FALSE(pf.writePage(other, false));
+  EXPECT_FALSE(pf.writePage(root, true) || pf.freePage(46) || pf.writePage(other, false));
   EXPECT_EQ(lltest::readFile(dir.file("big.bin")), front + tree + "tail");
 }
 
