@@ -343,6 +343,11 @@ TEST_F(CorruptTest, ChildLinkToItselfOrToAnAncestorCannotMakeAWalkLoop) {
     EXPECT_FALSE(tree.test(false, nullptr, &strict, nullptr) || tree.test(true, nullptr, &relaxed, nullptr));
     EXPECT_EQ(strict * 100 + relaxed, 265);  // after 64 free steps, as the file is short
   }
+  // With room for 100 more records (105 by the length), the walk reads as many pages as that.
+  lltest::writeFile(path, lltest::readFile(path) + std::string(100 * 56, '\0'));
+  int32_t pages = 0;
+  EXPECT_FALSE(BTree(path, true, 0).test(true, nullptr, &pages, nullptr));
+  EXPECT_EQ(pages, 105);
 }
 
 TEST_F(CorruptTest, ParentLinksInACircleCannotMakeAClimbLoop) {
@@ -360,12 +365,20 @@ TEST_F(CorruptTest, ParentLinksInACircleCannotMakeAClimbLoop) {
 // entries than that, and the traversals and changes with an answer.
 TEST_F(CorruptTest, TwoChildLinksToOneLeafCannotMakeAWalkLoop) {
   patch(kRoot + kChild0 + 4, int32_t{kLeftLeaf});
+  auto moves = [](BTree& tree) {
+    int32_t value = 0;
+    size_t n = 0;
+    for (bool more = tree.first(value); more && n < 100000; more = tree.next(value)) ++n;
+    return std::to_string(n);
+  };
+  // With room for 100 more records (105 by the length), the walk reads as many pages as that.
+  lltest::writeFile(path + "+", lltest::readFile(path) + std::string(100 * 56, '\0'));
+  BTree padded(path + "+", true, 0);
+  EXPECT_EQ(moves(padded), "209");  // two moves a page read: a leaf key, then the root key
   for (bool readOnly : {true, false}) {
     BTree tree(path, readOnly, 0);
-    int32_t value = 0, pages = 0;
-    size_t moves = 0;
-    for (bool more = tree.first(value); more && moves < 100000; more = tree.next(value)) ++moves;
-    EXPECT_EQ(std::to_string(moves) + " " + steps(tree, "N C") + " " + std::to_string(walk(tree, true).size()), "65 - x 1");
+    int32_t pages = 0;
+    EXPECT_EQ(moves(tree) + " " + steps(tree, "N C") + " " + std::to_string(walk(tree, true).size()), "65 - x 1");
     tree.test(false, nullptr, &pages, nullptr);  // its checks do not look for shared pages
     EXPECT_EQ(pages, 3);                          // but it reads the leaf twice, no more
     EXPECT_TRUE(tree.inOrder([](int32_t, const char*, int) {}));
