@@ -48,7 +48,7 @@ TEST(BTreeTools, CopiesOfRandomTreesAnswerLikeTheirSource) {
   lowlevel::compression::SeekableWriteOptions options;
   options.chunkSize = 700;
   for (int round = 0; round < 16; ++round) {
-    const int order = 3 + round % 5;
+    const int order = 2 + round % 6;
     const bool dups = round % 2 == 1;
     {  // random insertions, then about half of them deleted
       BTree tree(src, order, 20, dups, 0, 0, 0);
