@@ -1,5 +1,5 @@
-// Test-only access to the insides of a BTree, and a checker that walks a whole tree on disk.
-// Included by the BTree module's tests only.
+// Test-only access to the insides of a BTree, a checker that walks a whole tree on disk, and
+// hand-built files of records. Included by the BTree module's tests only.
 #ifndef LOWLEVEL_BTREE_BTREE_TESTING_H
 #define LOWLEVEL_BTREE_BTREE_TESTING_H
 
@@ -13,6 +13,7 @@
 #include "lowlevel/btree/btree.h"
 #include "lowlevel/btree/btreepage.h"
 #include "lowlevel/btree/btreepagefile.h"
+#include "tests/testsupport/testing.h"
 
 struct BTreeTestAccess {
   static BTreePageFile* pageFile(BTree& t) { return t.pageFile; }
@@ -22,14 +23,12 @@ struct BTreeTestAccess {
   static char* convertBuffer(BTree& t) { return t.convertBuffer; }
   static int convertLength(BTree& t) { return t.convertLength; }
   static int convertCapacity(BTree& t) { return t.convertCapacity; }
-  static void setConversion(BTree& t, uint32_t lcid, uint32_t mapFlags, int16_t spaceConversion) {
+  static void setConversion(BTree& t, uint32_t lcid, uint32_t mapFlags, int16_t space) {
     t.lcid = lcid;
     t.mapFlags = mapFlags;
-    t.spaceConversion = spaceConversion;
+    t.spaceConversion = space;
   }
-  static bool convertKey(BTree& t, const char* key, int length) {
-    return t.convertKey(key, length);
-  }
+  static bool convertKey(BTree& t, const char* key, int length) { return t.convertKey(key, length); }
   static BTreePageKey prepareKey(BTree& t, const char* key, int length, int32_t value) {
     return t.prepareKey(key, length, value);
   }
@@ -42,68 +41,31 @@ struct BTreeTestAccess {
   }
 
   // Walks the tree on disk from its root and checks what every sound tree keeps: each page reads,
-  // each child names its parent, keys ascend within a page and across the whole tree, leaves lie
-  // at one depth with -1 children, interior pages have children 0..keyCount and -1 behind, unused
-  // slots are empty, every page but the root holds at least minKeys keys (unless `relaxed`), and
-  // the keys add up to the page file's keyCount. Returns "" when all hold, else what broke first;
-  // `pages` receives the number of pages reached. Bounded by the records the file can hold, so a
-  // damaged file cannot make it loop.
+  // each child names its parent, keys ascend across the whole tree, leaves lie at one depth with
+  // -1 children, interior pages have children 0..keyCount and -1 behind, unused slots are empty,
+  // every page but the root holds at least minKeys keys (unless `relaxed`), and the keys add up to
+  // the page file's keyCount. Returns "" when all hold, else what broke first; `pages` receives
+  // the number of pages reached. Bounded by the records the file can hold.
   static std::string checkTree(BTree& t, bool relaxed = false, int32_t* pages = nullptr) {
     BTreePageFile* pf = t.pageFile;
-    if (pf == nullptr || !pf->ok || t.root == nullptr) return "no page file or root";
-    Walk walk;
-    walk.pf = pf;
-    walk.limit = pf->recordLimit();
-    walk.relaxed = relaxed;
     BTreePage rootPage(0, 0);
-    if (!pf->readPage(pf->hdr.rootOffset, rootPage)) return "root does not read";
+    if (pf == nullptr || !pf->ok || !pf->readPage(pf->hdr.rootOffset, rootPage)) return "no root";
     if (rootPage.parentOffset != -1) return "root has a parent";
+    Walk walk(pf, pf->recordLimit(), relaxed);
     std::string problem = walk.visit(rootPage, 0, true);
     if (pages != nullptr) *pages = walk.pages;
-    if (!problem.empty()) return problem;
-    if (walk.keys != pf->keyCount)
-      return "tree holds " + std::to_string(walk.keys) + " keys, keyCount says " +
-             std::to_string(pf->keyCount);
-    return "";
-  }
-
-  // The tree as one text, pages in pre-order from the root: "offset:[keys]" and, for interior
-  // pages, "->(children)"; with `values`, each key as key=value. A 4-byte slot shows as its
-  // big-endian number, a slot of text as the text without its zero padding, others in hex.
-  static std::string shape(BTree& t, bool values = false) {
-    BTreePageFile* pf = t.pageFile;
-    BTreePage rootPage(0, 0);
-    if (pf == nullptr || !pf->readPage(pf->hdr.rootOffset, rootPage)) return "no root";
-    std::string out;
-    int64_t budget = pf->recordLimit();
-    render(pf, rootPage, values, out, budget);
-    return out.substr(1);
-  }
-  static std::string keyText(const std::string& slot) {
-    if (slot.size() == 4) {
-      uint32_t v = 0;
-      for (unsigned char c : slot) v = (v << 8) | c;
-      return std::to_string(v);
-    }
-    std::string text = slot.substr(0, slot.find_last_not_of('\0') + 1);
-    bool printable = true;
-    for (unsigned char c : text) printable = printable && c >= 0x20 && c < 0x7F;
-    if (printable) return text;
-    static const char digits[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : slot) out += {digits[c >> 4], digits[c & 15]};
-    return out;
+    if (problem.empty() && walk.keys != pf->keyCount) problem = "keyCount differs from the keys";
+    return problem;
   }
 
  private:
   struct Walk {
-    BTreePageFile* pf = nullptr;
-    int64_t limit = 0;
-    bool relaxed = false;
-    int32_t keys = 0;
-    int32_t pages = 0;
+    Walk(BTreePageFile* f, int64_t l, bool r) : pf(f), limit(l), relaxed(r) {}
+    BTreePageFile* pf;
+    int64_t limit;
+    bool relaxed;
+    int32_t keys = 0, pages = 0;
     int leafDepth = -1;
-    bool havePrevious = false;
     std::string previous;
 
     std::string visit(const BTreePage& page, int depth, bool isRoot) {
@@ -114,56 +76,26 @@ struct BTreeTestAccess {
       for (uint32_t i = page.keyCount; i < page.maxKeys; ++i)
         if (page.keys[i].data != nullptr) return "unused slot holds a key" + at;
       const bool leaf = page.children[0] == -1;
-      for (uint32_t i = 0; i < page.order; ++i) {
-        const bool used = !leaf && i <= page.keyCount;
-        if (used == (page.children[i] == -1)) return "children do not match the keys" + at;
-      }
-      if (leaf) {
-        if (leafDepth == -1) leafDepth = depth;
-        if (leafDepth != depth) return "leaves at different depths" + at;
-      }
+      for (uint32_t i = 0; i < page.order; ++i)
+        if ((!leaf && i <= page.keyCount) == (page.children[i] == -1)) return "children do not match the keys" + at;
+      if (leaf && leafDepth == -1) leafDepth = depth;
+      if (leaf && leafDepth != depth) return "leaves at different depths" + at;
       keys += static_cast<int32_t>(page.keyCount);
       for (uint32_t i = 0; i <= page.keyCount; ++i) {
-        if (!leaf) {
-          BTreePage child(0, 0);
-          if (!pf->readPage(page.children[i], child))
-            return "child " + std::to_string(page.children[i]) + " does not read" + at;
-          if (child.parentOffset != page.offset) return "child names another parent" + at;
-          std::string problem = visit(child, depth + 1, false);
-          if (!problem.empty()) return problem;
-        }
-        if (i < page.keyCount) {
-          std::string key = bytes(page.keys[i]);
-          if (key.size() != page.keyLength) return "key of wrong size" + at;
-          if (havePrevious && !(previous < key)) return "keys out of order" + at;
-          previous = key;
-          havePrevious = true;
-        }
+        BTreePage child(0, 0);
+        if (!leaf && !pf->readPage(page.children[i], child)) return "a child does not read" + at;
+        if (!leaf && child.parentOffset != page.offset) return "child names another parent" + at;
+        std::string problem = leaf ? "" : visit(child, depth + 1, false);
+        if (!problem.empty()) return problem;
+        if (i == page.keyCount) break;
+        std::string key = bytes(page.keys[i]);
+        if (key.size() != page.keyLength) return "key of wrong size" + at;
+        if (!previous.empty() && !(previous < key)) return "keys out of order" + at;
+        previous = key;
       }
       return "";
     }
   };
-
-  static void render(BTreePageFile* pf, const BTreePage& page, bool values, std::string& out,
-                     int64_t& budget) {
-    if (--budget < 0) return;
-    out += " " + std::to_string(page.offset) + ":[";
-    for (uint32_t i = 0; i < page.keyCount && i < page.maxKeys; ++i) {
-      out += (i ? " " : "") + keyText(bytes(page.keys[i]));
-      if (values) out += "=" + std::to_string(page.values[i]);
-    }
-    out += "]";
-    if (page.children[0] == -1) return;
-    std::vector<BTreePage> kids;
-    out += "->(";
-    for (uint32_t i = 0; i <= page.keyCount && i < page.order; ++i) {
-      out += (i ? "," : "") + std::to_string(page.children[i]);
-      kids.emplace_back(0, 0);
-      if (!pf->readPage(page.children[i], kids.back())) kids.pop_back();
-    }
-    out += ")";
-    for (const BTreePage& kid : kids) render(pf, kid, values, out, budget);
-  }
 };
 
 namespace btreetest {
@@ -175,37 +107,31 @@ using Entry = std::pair<std::string, int32_t>;  // the key as getCurrentKey give
 inline std::vector<Entry> walk(BTree& tree, bool backward, size_t limit = 100000) {
   std::vector<Entry> out;
   int32_t value = 0;
-  bool more = backward ? tree.last(value) : tree.first(value);
-  while (more && out.size() < limit) {
+  for (bool more = backward ? tree.last(value) : tree.first(value); more && out.size() < limit;
+       more = backward ? tree.prev(value) : tree.next(value)) {
     std::string key(static_cast<size_t>(tree.getKeyLength()), '\0');
     int length = static_cast<int>(key.size());
     if (!tree.getCurrentKey(&key[0], length)) break;
-    key.resize(static_cast<size_t>(length));
-    out.emplace_back(key, value);
-    more = backward ? tree.prev(value) : tree.next(value);
+    out.emplace_back(key.substr(0, static_cast<size_t>(length)), value);
   }
   return out;
 }
 
 // Checks a tree against the entries it must hold, in order: its count, walks from both ends, its
-// own test() with the count it finds, and the pages on disk with their parent links (checkTree,
-// under-full pages allowed when `relaxed`; skipped without `pages`, for trees built another way).
-// Returns "" when all agree, else the first difference.
+// own test() with the count it finds, and the pages on disk (checkTree, under-full pages allowed
+// when `relaxed`; skipped without `pages`, for trees laid out another way). "" when all agree.
 inline std::string checkModel(BTree& tree, const std::vector<Entry>& expected, bool relaxed,
                               bool pages = true) {
   const int32_t n = static_cast<int32_t>(expected.size());
-  if (tree.getKeyCount() != n)
-    return "getKeyCount " + std::to_string(tree.getKeyCount()) + ", expected " + std::to_string(n);
+  if (tree.getKeyCount() != n) return "getKeyCount " + std::to_string(tree.getKeyCount());
   std::string problem = pages ? BTreeTestAccess::checkTree(tree, relaxed) : "";
   if (!problem.empty()) return problem;
   int32_t keys = -1;
-  if (!tree.test(relaxed, &keys, nullptr, nullptr) || keys != n)
-    return "test() fails or counts " + std::to_string(keys);
+  if (!tree.test(relaxed, &keys, nullptr, nullptr) || keys != n) return "test() fails or counts " + std::to_string(keys);
   if (walk(tree, false, expected.size() + 1) != expected) return "forward walk differs";
   std::vector<Entry> backward = walk(tree, true, expected.size() + 1);
   std::reverse(backward.begin(), backward.end());
-  if (backward != expected) return "backward walk differs";
-  return "";
+  return backward == expected ? "" : "backward walk differs";
 }
 
 // Creates a tree at `path` holding `entries` (keys by their exact bytes).
@@ -213,31 +139,16 @@ inline bool makeTree(const std::string& path, int order, int width, bool duplica
                      const std::vector<Entry>& entries) {
   BTree tree(path, order, width, duplicates, 0, 0, 0);
   bool ok = tree.isOk();
-  for (const Entry& e : entries)
-    ok = ok && tree.insertKey(e.second, e.first.data(), static_cast<int>(e.first.size()));
+  for (const Entry& e : entries) ok = ok && tree.insertKey(e.second, e.first.data(), static_cast<int>(e.first.size()));
   return ok;
 }
 
-// Hand-built files of 4-byte-slot trees. A record's `parent` and `kids` are record numbers (-1:
-// none); record n lies at 46 + n x record size. Key k without duplicates is 00 00 00 k, value 100+k.
-struct Slot {
-  std::string bytes;  // the whole slot, value tail included
-  int32_t value;
-};
-struct Rec {
-  int parent;
-  std::vector<Slot> entries;
-  std::vector<int> kids;
-};
-
 inline std::string be4(uint32_t v) {
-  return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16),
-                     static_cast<char>(v >> 8), static_cast<char>(v)};
+  return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8), static_cast<char>(v)};
 }
 inline std::string le4(int32_t v) {
   const uint32_t u = static_cast<uint32_t>(v);
-  return std::string{static_cast<char>(u), static_cast<char>(u >> 8), static_cast<char>(u >> 16),
-                     static_cast<char>(u >> 24)};
+  return {static_cast<char>(u), static_cast<char>(u >> 8), static_cast<char>(u >> 16), static_cast<char>(u >> 24)};
 }
 inline int32_t field(const std::string& file, size_t at) {
   uint32_t v = 0;
@@ -251,6 +162,17 @@ inline std::string hex(const std::string& bytes) {
   return out;
 }
 
+// Hand-built files of trees. A record's `parent` and `kids` are record numbers (-1: none); record
+// n lies at 46 + n x record size. rec() makes key k (4-byte slot 00 00 00 k) with value 100 + k.
+struct Slot {
+  std::string bytes;  // the whole slot, value tail included
+  int32_t value;
+};
+struct Rec {
+  int parent;
+  std::vector<Slot> entries;
+  std::vector<int> kids;
+};
 inline Rec rec(int parent, std::vector<int> keys, std::vector<int> kids = {}) {
   Rec r{parent, {}, std::move(kids)};
   for (int k : keys) r.entries.push_back({be4(static_cast<uint32_t>(k)), 100 + k});
@@ -265,40 +187,29 @@ struct Shape {
 
   // The exact bytes of record `self`.
   std::string encode(int self, const Rec& r) const {
-    const size_t n = r.entries.size();
+    const size_t n = r.entries.size(), keys = static_cast<size_t>(order - 1);
     std::string out = le4(at(self)) + le4(at(r.parent)) + le4(order) + le4(order - 1) +
                       le4(order >> 1) + le4(static_cast<int32_t>(n)) + le4(slot);
-    for (size_t i = 0; i + 1 < static_cast<size_t>(order); ++i)
-      out += i < n ? r.entries[i].bytes : std::string(static_cast<size_t>(slot), '\0');
-    for (size_t i = 0; i + 1 < static_cast<size_t>(order); ++i) out += le4(i < n ? r.entries[i].value : 0);
-    for (size_t i = 0; i < static_cast<size_t>(order); ++i) out += le4(i < r.kids.size() ? at(r.kids[i]) : -1);
+    for (size_t i = 0; i < keys; ++i) out += i < n ? r.entries[i].bytes : std::string(static_cast<size_t>(slot), '\0');
+    for (size_t i = 0; i < keys; ++i) out += le4(i < n ? r.entries[i].value : 0);
+    for (size_t i = 0; i <= keys; ++i) out += le4(i < r.kids.size() ? at(r.kids[i]) : -1);
     return out;
   }
   std::string record(const std::string& file, int n) const {
     return file.substr(static_cast<size_t>(at(n)), static_cast<size_t>(recordSize()));
   }
 
-  // Lays the records down through the page file, record n at its place, the keyCount their sum.
-  bool build(const std::string& path, const std::vector<Rec>& recs, int rootRecord,
-             bool duplicates = false) const {
-    std::remove(path.c_str());
-    BTreePageFile pf(path, order, duplicates ? slot - 4 : slot, duplicates, 0, 0, 0);
+  // Writes a file of these records, record n at its place, under the header of a new tree of
+  // this shape with the keyCount their sum and the root at `rootRecord`.
+  void build(const std::string& path, const std::vector<Rec>& recs, int rootRecord, bool duplicates = false) const {
+    { BTreePageFile pf(path, order, duplicates ? slot - 4 : slot, duplicates, 0, 0, 0); }
+    std::string file = lltest::readFile(path).substr(0, 46);
     int32_t total = 0;
-    for (size_t n = 0; pf.ok && n < recs.size(); ++n) {
-      BTreePage page(order, slot);
-      page.offset = at(static_cast<int>(n));
-      page.parentOffset = at(recs[n].parent);
-      page.keyCount = static_cast<uint32_t>(recs[n].entries.size());
-      for (size_t i = 0; i < recs[n].entries.size(); ++i) {
-        page.keys[i] = BTreePageKey(slot, recs[n].entries[i].bytes.data(), slot);
-        page.values[i] = recs[n].entries[i].value;
-      }
-      for (size_t i = 0; i < recs[n].kids.size(); ++i) page.children[i] = at(recs[n].kids[i]);
-      if (!pf.writePage(page, static_cast<int>(n) == rootRecord)) return false;
-      total += static_cast<int32_t>(page.keyCount);
+    for (size_t n = 0; n < recs.size(); ++n) {
+      file += encode(static_cast<int>(n), recs[n]);
+      total += static_cast<int32_t>(recs[n].entries.size());
     }
-    pf.keyCount = total;
-    return pf.ok;
+    lltest::writeFile(path, file.replace(24, 8, le4(total) + le4(at(rootRecord))));
   }
 };
 
@@ -308,37 +219,21 @@ struct Shape {
 // current page, C whether a cursor remains ("c"/"x"), R whether it stands on the root ("r"/"x").
 inline std::string steps(BTree& tree, const std::string& words) {
   std::string out;
-  size_t at = 0;
-  while (at < words.size()) {
-    size_t end = words.find(' ', at);
-    if (end == std::string::npos) end = words.size();
-    const std::string step = words.substr(at, end - at);
-    at = end + 1;
+  for (size_t at = 0, end; at < words.size(); at = end + 1) {
+    end = std::min(words.find(' ', at), words.size());
+    const char step = words[at];
+    const int32_t arg = end > at + 1 ? static_cast<int32_t>(std::stol(words.substr(at + 1, end - at - 1))) : 0;
     int32_t v = 0;
-    bool ok = false;
     int depth = -1, index = -1;
-    const bool cursor = BTreeTestAccess::curPage(tree) != nullptr;
-    std::string answer;
-    switch (step[0]) {
-      case 'F': ok = tree.first(v); break;
-      case 'L': ok = tree.last(v); break;
-      case 'N': ok = tree.next(v); break;
-      case 'P': ok = tree.prev(v); break;
-      case 'f': ok = tree.find(v, static_cast<int32_t>(std::stol(step.substr(1)))); break;
-      case 'g': ok = tree.findGreaterThanOrEqual(v, static_cast<int32_t>(std::stol(step.substr(1)))); break;
-      case 'K': ok = tree.getCurrentKey(v); break;
-      case 'D':
-        answer = tree.getCurrentKeyDepthAndIndex(depth, index)
-                     ? std::to_string(depth) + "," + std::to_string(index) : "-";
-        break;
-      case 'I': answer = cursor ? std::to_string(BTreeTestAccess::curIndex(tree)) : "-"; break;
-      case 'C': answer = cursor ? "c" : "x"; break;
-      case 'R':
-        answer = cursor && BTreeTestAccess::curPage(tree)->offset == BTreeTestAccess::root(tree)->offset
-                     ? "r" : "x";
-        break;
-    }
-    if (answer.empty()) answer = ok ? std::to_string(v) : "-";
+    const BTreePage* cur = BTreeTestAccess::curPage(tree);
+    bool ok = step == 'F' ? tree.first(v) : step == 'L' ? tree.last(v) : step == 'N' ? tree.next(v)
+            : step == 'P' ? tree.prev(v) : step == 'f' ? tree.find(v, arg)
+            : step == 'g' ? tree.findGreaterThanOrEqual(v, arg) : step == 'K' && tree.getCurrentKey(v);
+    std::string answer = ok ? std::to_string(v) : "-";
+    if (step == 'D' && tree.getCurrentKeyDepthAndIndex(depth, index)) answer = std::to_string(depth) + "," + std::to_string(index);
+    if (step == 'I' && cur) answer = std::to_string(BTreeTestAccess::curIndex(tree));
+    if (step == 'C') answer = cur ? "c" : "x";
+    if (step == 'R') answer = cur && cur->offset == BTreeTestAccess::root(tree)->offset ? "r" : "x";
     out += (out.empty() ? "" : " ") + answer;
   }
   return out;

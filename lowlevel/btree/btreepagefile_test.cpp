@@ -1,19 +1,19 @@
 // Pages and keys in memory, and the page file: its exact bytes, refusals with their reports, the
-// free chain, and records that cannot be.
+// free chain, records that cannot be, and the 2 GiB limit.
 #include "lowlevel/btree/btreepagefile.h"
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
+#include <filesystem>
+#include <map>
 #include <memory>
+#include <random>
 #include <string>
 
 #include "lowlevel/btree/btree_testing.h"
 #include "tests/testsupport/testing.h"
 
 namespace {
-
-using lowlevel::platform::IoCall;
 
 const std::string kEmpty102(
     "\x00\x04\x01\x00KBT1\x2E\x00\x00\x00\x04\x00\x00\x00\x03\x00\x00\x00\x00\x00\x00\x00"
@@ -39,9 +39,7 @@ std::vector<std::string> messages(const lltest::RecordingSupport& s) {
   return out;
 }
 
-std::string bytesOf(const BTreePageKey& key) {
-  return std::string(reinterpret_cast<const char*>(key.data), key.size);
-}
+std::string bytesOf(const BTreePageKey& key) { return BTreeTestAccess::bytes(key); }
 
 // Slots are padded or cut to their size, a value goes big-endian into the last four bytes and
 // leaves the rest for the key; length 0 takes the key up to its terminator.
@@ -53,32 +51,12 @@ TEST(BTreePageKey, PadsCutsAndCarriesTheValueTail) {
       {BTreePageKey(8, "ab", 0, 1), std::string("ab\0\0\0\0\0\x01", 8), 2},
       {BTreePageKey(8, "abcdef", 0, 0x01020304), "abcd\x01\x02\x03\x04", 4},
       {BTreePageKey(8, "ab", 2, -1), std::string("ab\0\0\xFF\xFF\xFF\xFF", 8), 2}};
-  for (const Case& c : cases) {
-    EXPECT_EQ(bytesOf(c.key), c.bytes);
-    EXPECT_EQ(c.key.length, c.length) << c.bytes;
-  }
+  for (const Case& c : cases) EXPECT_EQ(bytesOf(c.key) + "/" + std::to_string(c.key.length), c.bytes + "/" + std::to_string(c.length));
   // Differ only behind the slot; value tails and bytes compare unsigned; a shorter key first.
   EXPECT_EQ(BTreePageKey(4, "abcdef", 6).compare(BTreePageKey(4, "abcdXY", 0)), 0);
   EXPECT_GT(BTreePageKey(8, "ab", 2, -1).compare(BTreePageKey(8, "ab", 2, 1)), 0);
   EXPECT_GT(BTreePageKey(2, "\x80", 1).compare(BTreePageKey(2, "\x7F", 1)), 0);
   EXPECT_LT(BTreePageKey(2, "a", 1).compare(BTreePageKey(2, "ab", 2)), 0);
-}
-
-TEST(BTreePageKey, CopiesAreDeepAndEmptyStaysEmpty) {
-  const std::string wide(40, 'w');  // beyond the key's own small buffer
-  for (const std::string& text : {std::string("abcd"), wide}) {
-    BTreePageKey source(static_cast<unsigned>(text.size()), text.data(), static_cast<unsigned>(text.size()));
-    BTreePageKey copy(source), empty;
-    copy.data[0] = 'z';
-    EXPECT_EQ(bytesOf(source), text);
-    EXPECT_EQ(BTreePageKey(empty).data, nullptr);
-    copy = empty;  // assigning the empty key frees the slot
-    EXPECT_TRUE(copy.data == nullptr && copy.size == 0u);
-    copy = source;
-    const BTreePageKey& alias = copy;
-    copy = alias;
-    EXPECT_EQ(bytesOf(copy), text);
-  }
 }
 
 // A page as text: order max min offset parent keyCount, then the slots, values and children.
@@ -98,42 +76,42 @@ TEST(BTreePage, ShapesOfNewPages) {
   EXPECT_EQ(dump(BTreePage(8, 10)), "8 7 4 -1 -1 0 | -=0 -=0 -=0 -=0 -=0 -=0 -=0 | -1 -1 -1 -1 -1 -1 -1 -1");
   EXPECT_EQ(dump(BTreePage(2, 10)), "2 1 1 -1 -1 0 | -=0 | -1 -1");
   BTreePage placeholder(0, 10);
-  EXPECT_TRUE(placeholder.isPlaceholder());
-  EXPECT_EQ(placeholder.keyLength, 0u);
-  EXPECT_EQ(placeholder.values, nullptr);
+  EXPECT_TRUE(placeholder.isPlaceholder() && placeholder.keyLength == 0u && placeholder.values == nullptr);
 }
 
-TEST(BTreePage, CopyAndAssignmentShareNoBuffer) {
-  BTreePage source(4, 3);
+// Copies of keys and pages share no buffer, also beyond a key's own small buffer; the empty key
+// and a placeholder page (whose maxKeys is no count) copy as themselves without a report.
+TEST(BTreePage, CopiesShareNoBuffer) {
+  lltest::RecordingSupport support;
+  for (const std::string& text : {std::string("abcd"), std::string(40, 'w')}) {
+    const unsigned n = static_cast<unsigned>(text.size());
+    BTreePageKey source(n, text.data(), n), copy(source), empty;
+    copy.data[0] = 'z';
+    EXPECT_EQ(bytesOf(source), text);
+    EXPECT_EQ(BTreePageKey(empty).data, nullptr);
+    copy = empty;
+    EXPECT_TRUE(copy.data == nullptr && copy.size == 0u);
+    copy = source;
+    const BTreePageKey& alias = copy;
+    copy = alias;
+    EXPECT_EQ(bytesOf(copy), text);
+  }
+  BTreePage source(4, 3), placeholder(0, 0), target(0, 0), other(7, 3);
   source.offset = 46;
   source.keyCount = 1;
   source.keys[0] = BTreePageKey(3, "ab", 2);
   source.values[0] = 9;
   source.children[1] = 200;
-
   BTreePage copy(source);
-  EXPECT_NE(copy.keys[0].data, source.keys[0].data);
-  EXPECT_EQ(copy.keys[1].data, nullptr);
   copy.keys[0].data[0] = 'X';
   copy.values[0] = 1;
-  EXPECT_EQ(bytesOf(source.keys[0]), std::string("ab\0", 3));
-  EXPECT_EQ(source.values[0], 9);
-
-  BTreePage target(0, 0);
   target = source;
-  EXPECT_EQ(dump(target), std::string("4 3 2 46 -1 1 | ab\0=9 -=0 -=0 | -1 200 -1 -1", 44));
-  BTreePage other(7, 3);
   other = source;  // another order: rebuilt at the source's size
-  EXPECT_EQ(other.maxKeys, 3u);
-
-  // A placeholder's maxKeys is no count: copying it allocates nothing and reports nothing.
-  lltest::RecordingSupport support;
-  BTreePage placeholder(0, 0);
-  BTreePage fromPlaceholder(placeholder);
-  EXPECT_TRUE(fromPlaceholder.isPlaceholder());
+  const std::string expected("4 3 2 46 -1 1 | ab\0=9 -=0 -=0 | -1 200 -1 -1", 44);
+  EXPECT_EQ(dump(source) + dump(target) + dump(other), expected + expected + expected);
+  EXPECT_TRUE(BTreePage(placeholder).isPlaceholder());
   target = placeholder;
-  EXPECT_TRUE(target.isPlaceholder());
-  EXPECT_TRUE(support.reports.empty());
+  EXPECT_TRUE(target.isPlaceholder() && support.reports.empty());
 }
 
 TEST(BTreePageFile, EmptyFileByteForByteAndHeaderLag) {
@@ -142,16 +120,13 @@ TEST(BTreePageFile, EmptyFileByteForByteAndHeaderLag) {
   lltest::writeFile(path, std::string(500, 'x'));  // creating truncates
   {
     BTreePageFile pf(path, 3, 4, false, 0, 0, 0);
-    ASSERT_TRUE(pf.ok);
     EXPECT_EQ(pf.hdr.rootOffset, 46);
-    std::string onDisk = lltest::readFile(path);
-    ASSERT_EQ(onDisk.size(), 102u);
-    EXPECT_EQ(onDisk.substr(28, 4), le32(-1));  // root offset lags until the next header write
-    EXPECT_EQ(onDisk.substr(46), kEmpty102.substr(46));
-    BTreePageFile second(path, true, 0);  // header is valid, the root read at -1 fails
-    ASSERT_TRUE(second.ok);
+    std::string expected = kEmpty102;
+    patch(expected, 28, le32(-1));  // the root offset lags until the next header write
+    EXPECT_EQ(lltest::readFile(path), expected);
+    BTreePageFile second(path, true, 0);  // the header is valid, the root read at -1 fails
     BTreePage page(0, 0);
-    EXPECT_FALSE(second.readPage(second.hdr.rootOffset, page));
+    EXPECT_FALSE(!second.ok || second.readPage(second.hdr.rootOffset, page));
   }
   EXPECT_EQ(lltest::readFile(path), kEmpty102);
 }
@@ -183,9 +158,8 @@ TEST(BTreePageFile, OpeningRefusesWithExactMessages) {
     EXPECT_EQ(openWith(bad, c.readOnly), std::vector<std::string>{c.message}) << c.at << " " << c.with;
   }
   lltest::RecordingSupport support;
-  { BTreePageFile pf(dir.file("missing.bt"), true, 0); EXPECT_FALSE(pf.ok); }
-  { BTreePageFile pf(dir.file("missing.bt"), false, 5); EXPECT_FALSE(pf.ok); }
-  { BTreePageFile pf(dir.file("no/such/dir.bt"), 3, 4, false, 0, 0, 0); EXPECT_FALSE(pf.ok); }
+  EXPECT_FALSE(BTreePageFile(dir.file("missing.bt"), true, 0).ok || BTreePageFile(dir.file("missing.bt"), false, 5).ok ||
+               BTreePageFile(dir.file("no/such/dir.bt"), 3, 4, false, 0, 0, 0).ok);
   EXPECT_EQ(messages(support),
             (std::vector<std::string>{
                 "Unable to open file (" + dir.file("missing.bt") + ").",
@@ -248,7 +222,6 @@ TEST(BTreePageFile, FreeChainLastFreedFirstReused) {
   lltest::TempDir dir;
   const std::string path = makeEmpty(dir);
   BTreePageFile pf(path, false, 0);
-  ASSERT_TRUE(pf.ok);
   // Places pages in turn; answers each placement as offset/free head/root offset.
   auto place = [&](std::initializer_list<std::pair<BTreePage*, bool>> pages) {
     std::string out;
@@ -275,9 +248,7 @@ TEST(BTreePageFile, FreeChainLastFreedFirstReused) {
   c.keys[0] = BTreePageKey(4, "ab", 2);
   EXPECT_EQ(place({{&c, false}}), "158/214/102 ");
   BTreePage back(0, 0);
-  ASSERT_TRUE(pf.readPage(158, back));
-  EXPECT_EQ(back.keyCount, 1u);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(back.keys[0].data), 4), std::string("ab\0\0", 4));
+  EXPECT_TRUE(pf.readPage(158, back) && back.keyCount == 1u && bytesOf(back.keys[0]) == std::string("ab\0\0", 4));
   // A damaged chain that loops onto itself is not followed.
   pf.freePage(158);
   pf.freePage(158);
@@ -300,8 +271,7 @@ TEST(BTreePageFile, ReadPageRefusesBadRecordsAndKeepsThePage) {
   page.keyCount = 1;
   page.keys[0] = BTreePageKey(4, "keep", 4);
   ASSERT_TRUE(readAt(good, 102, page));
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(page.keys[0].data), 4), "abcd");
-  EXPECT_EQ(page.keys[1].data, nullptr);  // unused slot stays empty
+  EXPECT_TRUE(bytesOf(page.keys[0]) == "abcd" && page.keys[1].data == nullptr);  // unused slot stays empty
   page.keys[0] = BTreePageKey(4, "keep", 4);
   struct Bad { size_t at; int32_t value; int32_t offset; } bads[] = {
       {102, 102, 106},  // not the start of a record
@@ -312,8 +282,7 @@ TEST(BTreePageFile, ReadPageRefusesBadRecordsAndKeepsThePage) {
   for (const Bad& b : bads) {
     std::string bytes = good;
     patch(bytes, b.at, le32(b.value));
-    EXPECT_FALSE(readAt(bytes, b.offset, page)) << b.at << " " << b.value;
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(page.keys[0].data), 4), "keep");
+    EXPECT_TRUE(!readAt(bytes, b.offset, page) && bytesOf(page.keys[0]) == "keep") << b.at << " " << b.value;
   }
   for (size_t cut = 103; cut < good.size(); cut += 9)
     EXPECT_FALSE(readAt(good.substr(0, cut), 102, page)) << cut;
@@ -328,18 +297,12 @@ TEST(BTreePageFile, ReadOnlyAtAnOffsetAndWritesRefused) {
   patch(front, 900, le32(-100) + tree.substr(50));
   lltest::writeFile(dir.file("big.bin"), front + tree + "tail");
   BTreePageFile pf(dir.file("big.bin"), true, 1000);
-  ASSERT_TRUE(pf.ok);
-  EXPECT_EQ(pf.keyCount, 5);
-  BTreePage root(0, 0);
-  ASSERT_TRUE(pf.readPage(46, root));
-  EXPECT_EQ(root.order, 3u);
+  BTreePage root(0, 0), other(4, 4);
+  ASSERT_TRUE(pf.ok && pf.keyCount == 5 && pf.readPage(46, root) && root.order == 3u);
   EXPECT_FALSE(pf.readPage(1046, root) || pf.readPage(-100, root));
   pf.keyCount = 9;
   EXPECT_TRUE(pf.writeHeader());
-  EXPECT_FALSE(pf.writePage(root, true));
-  EXPECT_FALSE(pf.freePage(46));
-  BTreePage other(4, 4);
-  EXPECT_FALSE(pf.writePage(other, false));
+  EXPECT_FALSE(pf.writePage(root, true) || pf.freePage(46) || pf.writePage(other, false));
   EXPECT_EQ(lltest::readFile(dir.file("big.bin")), front + tree + "tail");
 }
 
@@ -358,6 +321,10 @@ TEST(BTreePageFile, CompressedRecordsRebuildSlots) {
   const std::string record = le32(46) + le32(-1) + le32(2) + std::string("\x02\x00\x03\x00", 4) +
                              "ababc" + le32(7) + le32(9) + le32(-1) + le32(-1) + le32(-1);
   ASSERT_EQ(record.size(), 41u);
+  for (size_t body : {35u, 36u}) {  // a compressed file opens with room for its smallest record
+    lltest::writeFile(dir.file("s.bt"), hdr + std::string(body, '\0'));
+    EXPECT_EQ(BTreePageFile(dir.file("s.bt"), true, 0).ok, body == 36u);
+  }
   auto open = [&](const std::string& h, const std::string& r, BTreePage& page) {
     lltest::writeFile(dir.file("c.bt"), h + r + std::string(60, '\0'));
     BTreePageFile pf(dir.file("c.bt"), true, 0);
@@ -367,10 +334,8 @@ TEST(BTreePageFile, CompressedRecordsRebuildSlots) {
   };
   BTreePage page(0, 0);
   ASSERT_TRUE(open(hdr, record, page));
-  EXPECT_EQ(page.keyCount, 2u);
-  EXPECT_EQ(page.keys[0].size, 20u);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(page.keys[1].data), 20), "abc" + std::string(17, '\0'));
-  EXPECT_EQ(page.values[1], 9);
+  EXPECT_TRUE(page.keyCount == 2u && page.keys[0].size == 20u && page.values[1] == 9);
+  EXPECT_EQ(bytesOf(page.keys[1]), "abc" + std::string(17, '\0'));
 
   std::string dupHdr = hdr;
   patch(dupHdr, 12, le32(24));
@@ -385,6 +350,99 @@ TEST(BTreePageFile, CompressedRecordsRebuildSlots) {
     patch(bad, 12, std::string(table, 4));
     EXPECT_FALSE(open(hdr, bad, page)) << table;
   }
+}
+
+// Trees at the 2 GiB limit, on sparse files: every write that would reach offset 2^31 - 1 is
+// refused before it starts, with a report, and no key is ever lost; longer files are refused on
+// opening with the reason.
+constexpr int64_t kLimit = INT32_MAX;
+
+std::string refusal(const std::string& path, const char* function) {
+  return "Write refused: it would reach offset 2147483647, the 2 GiB limit (" + path + ").|" +
+         function + "|2|btree\n";
+}
+
+int64_t size(const std::string& path) { return static_cast<int64_t>(std::filesystem::file_size(path)); }
+
+// The length of a file of whole records (104 bytes: order 4, key width 16) that leaves room for
+// `records` more.
+int64_t roomFor(int64_t records) { return 46 + ((kLimit - 46) / 104 - records) * 104; }
+
+std::string slot(unsigned k) { return ("k" + std::to_string(1000 + k)).append(11, '\0'); }
+
+struct BTreeLimits : ::testing::Test {
+  lltest::TempDir dir;
+  lltest::RecordingSupport host;
+  const std::string path = dir.file("near.btr");
+};
+
+// Inserts, deletes and replacements at random against a map, with room for three more records:
+// refused insertions leave the tree exactly as it was, and the others go on succeeding.
+TEST_F(BTreeLimits, ChangesNearTheLimitKeepEveryKey) {
+  std::map<std::string, int32_t> model;
+  for (unsigned k = 0; k < 60; k += 2) model[slot(k)] = 7;
+  ASSERT_TRUE(btreetest::makeTree(path, 4, 16, false, {model.begin(), model.end()}));
+  std::filesystem::resize_file(path, static_cast<uintmax_t>(roomFor(3)));
+  auto tree = std::make_unique<BTree>(path, false, 0);
+  std::mt19937 rng(17);
+  int refused = 0, insertedAfterRefusal = 0;
+  for (int step = 0; step < 800; ++step) {
+    const std::string key = slot(rng() % 120);
+    const bool present = model.count(key) != 0;
+    const unsigned op = rng() % 5;
+    if (op < 3 && tree->insertKey(step, key.data(), 16)) {
+      model[key] = step;  // a present key is refused: checkModel counts
+      insertedAfterRefusal += refused > 0;
+    } else if (op < 3 && !present) {
+      ASSERT_EQ(lltest::reportsText(host.reports), refusal(path, "BTreePageFile::writePage"));
+      ++refused;
+    } else if (op == 3) {
+      ASSERT_EQ(tree->deleteKey(key.data(), 16), model.erase(key) == 1);
+    } else if (op == 4 && present) {
+      ASSERT_TRUE(tree->replaceValue(model[key] = step, key.data(), 16));
+    }
+    host.reports.clear();
+    ASSERT_LE(size(path), kLimit);
+    ASSERT_TRUE(step % 40 != 39 || btreetest::checkModel(*tree, {model.begin(), model.end()}, true).empty()) << step;
+  }
+  EXPECT_TRUE(refused > 10 && insertedAfterRefusal > 10) << refused << " " << insertedAfterRefusal;
+  tree.reset();
+  BTree reopened(path, true, 0);
+  EXPECT_EQ(btreetest::checkModel(reopened, {model.begin(), model.end()}, true), "");
+}
+
+// The last record that fits is written; the next one, appended or compressed, writes nothing and
+// takes nothing from the free chain.
+TEST_F(BTreeLimits, PageFileRefusesTheFirstRecordBeyond) {
+  BTreePageFile file(path, 4, 16, false, 0, 0, 0);
+  std::filesystem::resize_file(path, static_cast<uintmax_t>(roomFor(1)));
+  BTreePage last(4, 16), next(4, 16), packed(4, 16);
+  ASSERT_TRUE(file.writePage(last, false));  // ends at roomFor(0), 81 bytes below the limit
+  std::filesystem::resize_file(path, static_cast<uintmax_t>(kLimit));
+  file.hdr.freeListHead = static_cast<int32_t>(roomFor(0));  // a record that crosses the limit
+  EXPECT_FALSE(file.writePage(next, false));
+  EXPECT_TRUE(next.offset == -1 && file.hdr.freeListHead == roomFor(0));
+  file.hdr.compressed = 1;
+  file.compressedWritePosition = static_cast<int32_t>(kLimit - 45);  // 46 bytes would reach it
+  EXPECT_FALSE(file.writePage(packed, false));
+  EXPECT_EQ(size(path), kLimit);
+  EXPECT_EQ(lltest::reportsText(host.reports), refusal(path, "BTreePageFile::writePage") +
+                                                   refusal(path, "BTreePageFile::WriteCompressed"));
+}
+
+// The platform layer writes nothing at or beyond the limit; the file classes refuse longer files.
+TEST_F(BTreeLimits, FilesBeyondTheLimit) {
+  delete new BTree(path, 4, 16, false, 0, 0, 0);
+  const int handle = lowlevel::platform::open(path.c_str(), lowlevel::platform::kOpenReadWrite, 0);
+  lowlevel::platform::lseek(handle, static_cast<int32_t>(kLimit - 4), 0);
+  EXPECT_EQ(lowlevel::platform::write(handle, "abcde", 5), -1);  // 4 bytes would fit
+  lowlevel::platform::close(handle);
+  std::filesystem::resize_file(path, static_cast<uintmax_t>(kLimit) + 1);
+  const std::string why = "File is larger than 2147483647 bytes, the 2 GiB limit (" + path +
+                          ").|ZCompressedFileBase::Open|2|cmpfilbs\n";
+  EXPECT_FALSE(BTree(path, true, 0).isOk());
+  EXPECT_EQ(lltest::reportsText(host.reports),
+            why + "Unable to open file (" + path + ").|BTreePageFile::BTreePageFile|2|btree\n");
 }
 
 }  // namespace

@@ -1,11 +1,14 @@
-// The copying tools: random trees against their compressed, ordered and repacked copies (also
-// once stored as compressed files), the exact bytes of compressed records, the shapes of repacked
-// trees, and every refusal with its report.
+// The copying tools and the bulk builder: random trees against their compressed, ordered and
+// repacked copies (also once stored as compressed files) and against bulk-built trees, the exact
+// bytes of compressed and bulk-built records, the shapes of repacked trees, and every refusal with
+// its report.
 #include "lowlevel/btree/btreetools.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -17,15 +20,12 @@
 
 namespace {
 
-using btreetest::Entry;
-using btreetest::hex;
-using btreetest::makeTree;
-using btreetest::walk;
-int32_t le32(const std::string& bytes, size_t at) { return btreetest::field(bytes, at); }
+using namespace btreetest;
+int32_t le32(const std::string& bytes, size_t at) { return field(bytes, at); }
 
-std::string randomKey(std::mt19937& rng) {
-  std::string key(1 + rng() % 10, 'a');
-  for (char& c : key) c = static_cast<char>('a' + rng() % 6);
+std::string randomKey(std::mt19937& rng, const char* letters = "abcdef", int longest = 10) {
+  std::string key(1 + rng() % static_cast<unsigned>(longest), 'a');
+  for (char& c : key) c = letters[rng() % std::char_traits<char>::length(letters)];
   return key;
 }
 
@@ -48,7 +48,7 @@ TEST(BTreeTools, CopiesOfRandomTreesAnswerLikeTheirSource) {
   lowlevel::compression::SeekableWriteOptions options;
   options.chunkSize = 700;
   for (int round = 0; round < 16; ++round) {
-    const int order = 3 + round % 5;
+    const int order = 2 + round % 6;
     const bool dups = round % 2 == 1;
     {  // random insertions, then about half of them deleted
       BTree tree(src, order, 20, dups, 0, 0, 0);
@@ -78,7 +78,9 @@ TEST(BTreeTools, CopiesOfRandomTreesAnswerLikeTheirSource) {
 
     BTree source(src, true, 0);
     const std::vector<Entry> forward = walk(source, false);
-    ASSERT_EQ(btreetest::checkModel(source, forward, true), "");
+    ASSERT_EQ(checkModel(source, forward, true), "");
+    int32_t sourcePages = 0;
+    source.test(true, nullptr, &sourcePages, nullptr);
     std::vector<std::string> probes;
     for (const Entry& e : forward) probes.push_back(e.first);
     for (int i = 0; i < 40; ++i) probes.push_back(randomKey(rng));
@@ -87,15 +89,23 @@ TEST(BTreeTools, CopiesOfRandomTreesAnswerLikeTheirSource) {
       SCOPED_TRACE("round " + n + " copy " + copies[c]);
       BTree copy(copies[c], true, 0);
       const bool repacked = c == 2 || c == 3;
-      EXPECT_EQ(copy.hasDuplicates(), dups);
-      EXPECT_EQ(copy.isCompressed(), c == 0 || c == 4);
-      EXPECT_EQ(copy.getOrder(), c == 3 ? 3 : order);
-      EXPECT_EQ(btreetest::checkModel(copy, forward, true, !repacked), "");
+      EXPECT_EQ(std::to_string(copy.hasDuplicates()) + std::to_string(copy.isCompressed()) + " " +
+                    std::to_string(copy.getOrder()),
+                std::to_string(dups) + std::to_string(c == 0 || c == 4) + " " + std::to_string(c == 3 ? 3 : order));
+      EXPECT_EQ(checkModel(copy, forward, true, !repacked), "");
       EXPECT_EQ(lookups(copy, probes), answers);
-      int32_t back = -1;
-      EXPECT_TRUE(copy.test(true, nullptr, nullptr, &back));
+      int32_t back = -1, pages = 0;
+      EXPECT_TRUE(copy.test(true, nullptr, &pages, &back));
       EXPECT_TRUE(back == 0 || repacked);  // every child lies behind its parent
+      EXPECT_TRUE(pages == sourcePages || repacked);
     }
+    // The ordered copy: the root at 46, no free records, each record's parent in front of it.
+    const std::string file = lltest::readFile(copies[1]);
+    const int32_t stride = static_cast<int32_t>(btreeRecordSize(order, dups ? 24 : 20));
+    EXPECT_EQ(hex(file.substr(28, 8)), hex(le4(46) + le4(-1)));
+    EXPECT_EQ(file.size(), 46u + static_cast<size_t>(sourcePages * stride));
+    for (int32_t at = 46 + stride; at < static_cast<int32_t>(file.size()); at += stride)
+      EXPECT_LT(le32(file, static_cast<size_t>(at) + 4), at);
   }
 }
 
@@ -170,8 +180,7 @@ TEST(BTreeTools, RefusalsAndTheirReports) {
     EXPECT_EQ(lltest::readFile(src), srcBytes);
   }
   ASSERT_TRUE(makeTree(w16, 5, 17, false, {{"x", 1}}));
-  EXPECT_TRUE(compressBTree(w16, dst));
-  EXPECT_TRUE(repackBTree(cmp, dst, 0));
+  EXPECT_TRUE(compressBTree(w16, dst) && repackBTree(cmp, dst, 0));
   BTree repacked(dst, true, 0);
   EXPECT_EQ(walk(repacked, false), (std::vector<Entry>{{"key" + std::string(17, '\0'), 1}}));
 }
@@ -189,52 +198,13 @@ TEST(BTreeTools, VersionAndLongKeysKeptInsideALargerFile) {
     BTree tree(src, false, 0);
     ASSERT_TRUE(tree.insertKey(7, 1) && tree.insertKey(8, 256));
   }
-  for (const auto& tool : std::vector<std::function<bool()>>{[&] { return compressBTree(src, dst); },
-                                                             [&] { return orderBTree(src, dst); },
-                                                             [&] { return repackBTree(src, dst, 2); }}) {
-    ASSERT_TRUE(tool());
+  for (int tool = 0; tool < 3; ++tool) {
+    ASSERT_TRUE(tool == 0 ? compressBTree(src, dst) : tool == 1 ? orderBTree(src, dst) : repackBTree(src, dst, 2));
     lltest::writeFile(inside, std::string(1000, 'J') + lltest::readFile(dst));
     BTree tree(inside, true, 1000);
     EXPECT_EQ(tree.getVersion(), 0x00010100);
-    EXPECT_EQ(btreetest::steps(tree, "f256 F N"), "8 8 7");  // 256 is 00 01 00 00, before 01 00 00 00
+    EXPECT_EQ(steps(tree, "f256 F N"), "8 8 7");  // 256 is 00 01 00 00, before 01 00 00 00
   }
-}
-
-// The ordered copy of a tree that lost a third of its keys: records in depth-first order from 46,
-// each parent in front of its children, no free records, the same shape.
-TEST(BTreeTools, OrderedCopyLayout) {
-  lltest::TempDir dir;
-  const std::string src = dir.file("s.bt"), dst = dir.file("o.bt");
-  {
-    BTree tree(src, 5, 8, true, 0, 0, 0);
-    for (int i = 0; i < 300; ++i) ASSERT_TRUE(tree.insertKey(i, (i * 7919) % 300));
-    for (int i = 0; i < 300; i += 3) ASSERT_TRUE(tree.deleteKey(i, (i * 7919) % 300));
-  }
-  ASSERT_TRUE(orderBTree(src, dst));
-  BTree source(src, true, 0), target(dst, true, 0);
-  int32_t sk = 0, sp = 0, tk = 0, tp = 0, tb = -1;
-  ASSERT_TRUE(source.test(false, &sk, &sp, nullptr) && target.test(false, &tk, &tp, &tb));
-  EXPECT_EQ(std::to_string(tk) + " " + std::to_string(tp) + " " + std::to_string(tb) + " " +
-                std::to_string(target.depth()),
-            std::to_string(sk) + " " + std::to_string(sp) + " 0 " + std::to_string(source.depth()));
-  EXPECT_EQ(walk(target, false), walk(source, false));
-  const int stride = 28 + 4 * 12 + 4 * 4 + 5 * 4;  // order 5, slot 12 (key 8 + value tail)
-  const std::string file = lltest::readFile(dst);
-  EXPECT_EQ(file.size(), 46u + static_cast<size_t>(tp * stride));
-  EXPECT_EQ(hex(file.substr(24, 12)), hex(btreetest::le4(200) + btreetest::le4(46) + btreetest::le4(-1)));
-  for (int32_t at = 46 + stride; at < static_cast<int32_t>(file.size()); at += stride)
-    EXPECT_LT(le32(file, static_cast<size_t>(at) + 4), at);
-}
-
-// Keys in the subtree of the uncompressed record at `at` (slot width 10).
-int64_t subtreeKeys(const std::string& file, int32_t at, int order) {
-  int64_t sum = le32(file, static_cast<size_t>(at) + 20);
-  const size_t children = static_cast<size_t>(at) + 28 + static_cast<size_t>((order - 1) * 14);
-  for (int i = 0; i < order; ++i) {
-    const int32_t child = le32(file, children + 4 * static_cast<size_t>(i));
-    if (child != -1) sum += subtreeKeys(file, child, order);
-  }
-  return sum;
 }
 
 TEST(BTreeTools, RepackedShapes) {
@@ -259,15 +229,17 @@ TEST(BTreeTools, RepackedShapes) {
       entries.emplace_back(key + std::string(10 - key.size(), '\0'), i);
     }
     ASSERT_TRUE(makeTree(src, 7, 10, false, entries) && repackBTree(src, dst, row.order));
-    const int order = static_cast<int>(row.counts.size()) - 1;
-    const std::string file = lltest::readFile(dst);
-    std::vector<int64_t> counts = {le32(file, 46 + 20)};
-    for (int i = 0; i < order; ++i) {
-      const int32_t child = le32(file, 46 + 28 + static_cast<size_t>((order - 1) * 14 + 4 * i));
-      counts.push_back(child == -1 ? 0 : subtreeKeys(file, child, order));
+    BTree source(src, true, 0), target(dst, true, 0);
+    std::vector<int64_t> counts(row.counts.size(), 0);  // by the depth of each entry in order
+    size_t child = 1;
+    int32_t v = 0;
+    for (bool more = target.first(v); more && child < counts.size(); more = target.next(v)) {
+      int depth = -1, index = -1;
+      target.getCurrentKeyDepthAndIndex(depth, index);
+      ++counts[depth == 0 ? 0 : child];
+      child += depth == 0;
     }
     EXPECT_EQ(counts, row.counts);
-    BTree source(src, true, 0), target(dst, true, 0);
     EXPECT_EQ(target.depth(), row.depth);
     EXPECT_EQ(target.getKeyCount(), row.keys);
     EXPECT_EQ(walk(target, false), walk(source, false));
@@ -288,12 +260,95 @@ TEST(BTreeTools, CyclicLinksFail) {
   std::string bytes = lltest::readFile(src);
   const int32_t root = le32(bytes, 28);
   bytes.replace(static_cast<size_t>(root) + 28 + 48 + 4 * static_cast<size_t>(le32(bytes, root + 20u)), 4,
-                btreetest::le4(root));  // the root's last child becomes the root itself
+                le4(root));  // the root's last child becomes the root itself
   lltest::writeFile(src, bytes);
-  EXPECT_FALSE(compressBTree(src, dst));
-  EXPECT_FALSE(orderBTree(src, dst));
+  EXPECT_FALSE(compressBTree(src, dst) || orderBTree(src, dst));
   repackBTree(src, dst, 3);  // goes by the cursor: it must come back, whatever it answers
   EXPECT_EQ(lltest::readFile(src), bytes);
+}
+
+// Hands out `entries` (caller keys, with `length`) to bulkBuildBTree.
+std::function<bool(BTreeBulkEntry&)> source(const std::vector<Entry>& entries, int length) {
+  size_t at = 0;
+  return [&entries, length, at](BTreeBulkEntry& e) mutable {
+    if (at >= entries.size()) return false;
+    e = {entries[at].first.c_str(), length, entries[at].second};
+    ++at;
+    return true;
+  };
+}
+
+// Orders 3 to 8 with and without duplicates, counts around the sizes where levels appear, an
+// upper-casing conversion (slots differ from the keys), fill from half to full: the built tree
+// holds what inserts give, in sound pages, and then takes the same inserts and deletes.
+TEST(BTreeBulk, SameTreeAsInsertsThenTakesInsertsAndDeletes) {
+  lltest::TempDir dir;
+  std::mt19937 rng(11);
+  for (int order = 3; order <= 8; ++order) {
+    for (int count : {0, 1, order - 1, order, order + 1, order * order, 700}) {
+      SCOPED_TRACE(std::to_string(order) + "/" + std::to_string(count));
+      const bool dups = count % 2 == 1;
+      const uint32_t mapFlags = order == 5 ? 0x200 : 0;  // LCMAP_UPPERCASE
+      BTree inserted(dir.file("i.btr"), order, 6, dups, 0x409, mapFlags, 0);
+      std::map<std::string, Entry> bySlot;
+      while (static_cast<int>(bySlot.size()) < count) {
+        const Entry e{randomKey(rng, "aBcDe", 5), static_cast<int32_t>(rng() % 4) - 1};
+        bySlot.emplace(btreeKeySlot(inserted, e.first.c_str(), 0, e.second), e);
+      }
+      std::vector<Entry> input;
+      for (const auto& e : bySlot) input.push_back(e.second);
+      std::vector<Entry> shuffled = input;
+      std::shuffle(shuffled.begin(), shuffled.end(), rng);
+      for (const Entry& e : shuffled) ASSERT_TRUE(inserted.insertKey(e.second, e.first.c_str(), 0));
+      BTreeBulkShape shape{order, 6, dups, 0x409, mapFlags, 0, 50 + 10 * (count % 6)};
+      ASSERT_TRUE(bulkBuildBTree(dir.file("b.btr"), shape, count, source(input, 0), nullptr));
+      BTree built(dir.file("b.btr"), false, 0);
+      // An even order cannot always give every page minKeys keys; inserts do not either.
+      EXPECT_EQ("", checkModel(built, walk(inserted, false), order % 2 == 0));
+      for (int step = 0; step < 300; ++step) {
+        const Entry e = input.empty() ? Entry("x", 0) : input[rng() % input.size()];
+        const std::string fresh = randomKey(rng, "aBcDe", 1) + "Z";
+        if (rng() % 2) {
+          EXPECT_EQ(inserted.deleteKey(e.second, e.first.c_str(), 0), built.deleteKey(e.second, e.first.c_str(), 0));
+        } else {
+          EXPECT_EQ(inserted.insertKey(step, fresh.c_str(), 0), built.insertKey(step, fresh.c_str(), 0));
+        }
+      }
+      EXPECT_EQ("", checkModel(built, walk(inserted, false), true));
+    }
+  }
+}
+
+// Order 3, 4-byte keys 1..7 at full fill: three leaves under a root, laid down depth-first.
+TEST(BTreeBulk, ExactBytesAndRefusals) {
+  lltest::TempDir dir;
+  std::vector<Entry> input;
+  for (uint32_t k = 1; k <= 7; ++k) input.emplace_back(be4(k), 100 + static_cast<int>(k));
+  ASSERT_TRUE(bulkBuildBTree(dir.file("b.btr"), BTreeBulkShape{3, 4, false, 0, 0, 0, 100}, 7, source(input, 4), nullptr));
+  const Shape s{3, 4};
+  s.build(dir.file("e.btr"), {rec(-1, {3, 6}, {1, 2, 3}), rec(0, {1, 2}), rec(0, {4, 5}), rec(0, {7})}, 0);
+  EXPECT_EQ(hex(lltest::readFile(dir.file("e.btr"))), hex(lltest::readFile(dir.file("b.btr"))));
+  struct Case {
+    std::vector<Entry> keys;
+    int64_t count;
+    std::string report;
+  } cases[] = {
+      {{{"a", 1}, {"c", 1}, {"b", 1}}, 3, "Entry 2 is out of order."},
+      {{{"a", 1}, {"b", 1}, {"b", 1}}, 3, "Entry 2 repeats the key before it."},
+      {{{"a", 1}, {"b", 1}}, 3, "Entry 2 is missing: fewer than the count."},
+      {{{"a", 1}, {"b", 1}, {"c", 1}}, 2, "Entry 2 is one more than the count."},
+  };
+  for (const Case& c : cases) {
+    lltest::RecordingSupport host;
+    int64_t failed = -1;
+    EXPECT_FALSE(bulkBuildBTree(dir.file("r.btr"), BTreeBulkShape{3, 4, false, 0, 0, 0, 100}, c.count,
+                                source(c.keys, 0), &failed));
+    EXPECT_EQ(failed, 2);
+    EXPECT_FALSE(BTree(dir.file("r.btr"), true, 0).isOk());
+    EXPECT_EQ(c.report + "|bulkBuildBTree|2|btree\nInvalid BTree (" + dir.file("r.btr") +
+                  ").|BTreePageFile::BTreePageFile|2|btree\n",
+              lltest::reportsText(host.reports));
+  }
 }
 
 }  // namespace
