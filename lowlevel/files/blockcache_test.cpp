@@ -8,8 +8,6 @@
 #include <utility>
 #include <vector>
 
-namespace {
-
 // Seeded scripts of get, getOld, add and setSize against a list ordered from least to most
 // recently used, on distinct keys (free entries share the key -1; the file reader never looks
 // them up).
@@ -47,5 +45,3 @@ TEST(BlockCache, MatchesALeastRecentlyUsedList) {
     }
   }
 }
-
-}  // namespace

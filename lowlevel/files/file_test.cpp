@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <functional>
 #include <memory>
-#include <optional>
 #include <random>
 
 #include "compression/seekable_writer.h"
@@ -14,7 +12,9 @@
 #include "tests/testsupport/testing.h"
 
 namespace io = lowlevel::platform;
+namespace fs = std::filesystem;
 using io::IoCall;
+using lltest::FailCalls;
 
 struct ZFileTestAccess {
   // "cd", "other" or "none": the list that holds the file; "broken" when it is listed twice.
@@ -25,16 +25,16 @@ struct ZFileTestAccess {
   }
   static size_t listed() { return ZFile::m_vCdFiles.size() + ZFile::m_vNonCdFiles.size(); }
 };
-
-namespace {
-
-namespace fs = std::filesystem;
 using Access = ZFileTestAccess;
-using lltest::FailCalls;
-const unsigned short kRead = io::kOpenReadOnly;
 
-// The list that holds the file, then "+" while it is open or "-" while it is not.
-std::string state(const ZFile& f) { return Access::where(f) + (f.IsOpen() ? "+" : "-"); }
+// The list that holds each file, then "+" while it is open or "-" while it is not.
+static std::string state(std::initializer_list<const ZFile*> files) {
+  std::string out;
+  for (const ZFile* f : files) out += Access::where(*f) + (f->IsOpen() ? "+" : "-");
+  return out;
+}
+
+const unsigned short kRead = io::kOpenReadOnly;
 
 // A changer of removable volumes: volume 1 is a directory that moves between two slots.
 class ZFileTest : public ::testing::Test, public lltest::RecordingSupport {
@@ -85,6 +85,7 @@ TEST_F(ZFileTest, ScriptsMatchTheBytesThroughFailuresParkingCopiesAndReopens) {
   size_t requests = 0;
   requestAnswer = "again";
   for (int script = 0; script < 40; ++script) {
+    bool copied = false;  // a copy is never listed, an object opened by name is
     const bool packed = script % 2 == 1;  // expanded positions: seeks clamp, from the end go back
     const std::string path = packed ? "cd:packed.zst" : "cd:data.bin";
     const unsigned short flags = packed ? kRead | io::kOpenBinary : kRead;
@@ -95,11 +96,9 @@ TEST_F(ZFileTest, ScriptsMatchTheBytesThroughFailuresParkingCopiesAndReopens) {
       const int op = static_cast<int>(rng() % 10);
       // A failed call of a plain file asks for the volume and is made once more; the host parks
       // every file meanwhile now and then. (A compressed file's read fails short, see cmpfilbs.)
-      std::optional<FailCalls> faults;
-      if (!packed && op < 7 && rng() % 3 == 0) {
-        faults.emplace(std::set<IoCall>{IoCall::Read, IoCall::Seek, IoCall::Tell, IoCall::Length},
-                       std::set<int>{1});
-      }
+      const bool fail = !packed && op < 7 && rng() % 3 == 0;
+      FailCalls faults({IoCall::Read, IoCall::Seek, IoCall::Tell, IoCall::Length},
+                       fail ? std::set<int>{1} : std::set<int>{});
       park = rng() % 2;
       bool failed = false;
       if (op < 3) {
@@ -127,31 +126,35 @@ TEST_F(ZFileTest, ScriptsMatchTheBytesThroughFailuresParkingCopiesAndReopens) {
         auto g = std::make_unique<ZFile>();
         if (rng() % 2) *g = *f; else g = std::make_unique<ZFile>(*f);
         f = std::move(g);  // the copy reads on at the position, the original goes
-        ASSERT_EQ("none", Access::where(*f));
+        copied = true;
       } else {
         ASSERT_TRUE(f->Open(path, flags, 0));
         pos = 0;
+        copied = false;
       }
-      requests += failed || (faults && faults->failures > 0);
+      ASSERT_EQ(copied ? "none" : "cd", Access::where(*f));
+      requests += failed || faults.failures > 0;
       ASSERT_EQ(requests, volumeRequests.size());  // one request for each failed operation
     }
   }
 }
 
-TEST_F(ZFileTest, OpensResolveLocationsAndAskForAVolumeOnceMore) {
+// Opens through locations and volume prefixes, the second attempt of a failed volume open, and a
+// failed operation made once more only when the host answers the request for the volume.
+TEST_F(ZFileTest, OpensResolveLocationsAndFailuresAskForAVolumeOnceMore) {
   retryAnswer = slotA + "/";
   cdPaths[0].second = slotB + "/";  // the first answer is the wrong directory
   locationNames = {"DISC"};
   locationDirs = {"cd:"};
   // g: reported, then opened. Relative, as a drive letter's colon would keep the location away.
-  const std::filesystem::path cwd = std::filesystem::current_path();
-  std::filesystem::current_path(dir.path());
+  const fs::path cwd = fs::current_path();
+  fs::current_path(dir.path());
   ZFile f("data.bin", "DISC", kRead, 0), g("plain.bin", "NOPE", kRead, 0);
-  std::filesystem::current_path(cwd);
-  EXPECT_EQ("cd+other+1", state(f) + state(g) + std::to_string(reports.size()));
+  fs::current_path(cwd);
+  EXPECT_EQ("cd+other+1", state({&f, &g}) + std::to_string(reports.size()));
   retryAnswer = slotB + "/";
   EXPECT_FALSE(f.Open("cd:data.bin", kRead, 0));  // a failed open stays listed, closed
-  EXPECT_EQ("cd- -1 -1", state(f) + " " + std::to_string(f.Read(nullptr, 0)) + " " +
+  EXPECT_EQ("cd- -1 -1", state({&f}) + " " + std::to_string(f.Read(nullptr, 0)) + " " +
                              std::to_string(f.Position()));
   retryAnswer.clear();
   cdPaths[0].second = slotA + "/";
@@ -163,19 +166,11 @@ TEST_F(ZFileTest, OpensResolveLocationsAndAskForAVolumeOnceMore) {
   ZFile e("ed:/data.bin", kRead, 0);  // on no volume: no second attempt
   cdPaths.clear();
   ZFile h("cd:data.bin", kRead, 0);  // does not resolve: not listed
-  EXPECT_EQ("other-none-", state(e) + state(h));
+  EXPECT_EQ("other-none-", state({&e, &h}));
   EXPECT_EQ("1 0 0,1 1 0,1 0 0,1 1 0,1 0 0,1 1 0,1 0 0", lltest::cdPathCallsText(*this));
   EXPECT_TRUE(volumeRequests.empty());
-  {
-    FailCalls faults({IoCall::Close}, {1});  // a failed close leaves the lists all the same
-    EXPECT_FALSE(g.Close());
-  }
-  EXPECT_EQ("none-", state(g));
-}
-
-TEST_F(ZFileTest, AFailedOperationIsMadeOnceMoreOnlyWhenTheHostAnswers) {
-  ZFile f("cd:data.bin", kRead, 0), other(plain, kRead, 0);
-  lltest::FaultInjector faults({IoCall::Read});
+  cdPaths = {{1, slotA + "/"}};
+  lltest::FaultInjector faults({IoCall::Read, IoCall::Close});
   faults.failFrom = 1;
   requestAnswer = "again";
   std::string trace = lltest::readSome(f, 4);
@@ -183,8 +178,10 @@ TEST_F(ZFileTest, AFailedOperationIsMadeOnceMoreOnlyWhenTheHostAnswers) {
   requestAnswer = nullptr;
   trace += lltest::readSome(f, 4);
   trace += std::to_string(faults.count);  // no answer: no second try
-  EXPECT_EQ("<-1>2<-1>3<-1>", trace + lltest::readSome(other, 1));
+  EXPECT_EQ("<-1>2<-1>3<-1>", trace + lltest::readSome(g, 1));
   EXPECT_EQ((std::vector<int>{1, 1, 0}), volumeRequests);  // 0: on no volume
+  EXPECT_FALSE(g.Close());  // a failed close leaves the lists all the same
+  EXPECT_EQ("none-", state({&g}));
 }
 
 TEST_F(ZFileTest, ListsAndWhatCloseAllParks) {
@@ -195,34 +192,32 @@ TEST_F(ZFileTest, ListsAndWhatCloseAllParks) {
   std::string trace;
   for (int types : {7, 2, 0}) {  // an unknown type parks nothing
     ZFile::CloseAll(static_cast<ZFile::eFileTypes>(types));
-    trace += state(cd) + state(other) + state(wrapped) + state(copy) + state(failed) + " ";
+    trace += state({&cd, &other, &wrapped, &copy, &failed}) + " ";
   }
   EXPECT_EQ("cd+other+none+none+cd- cd+other-none+none+cd- cd-other-none+none+cd- ", trace);
   ZFile copyOfParked(cd);  // carries the pending mark: re-opens on first use, unlisted
-  EXPECT_EQ(data.substr(0, 3), lltest::readSome(copyOfParked, 3));
-  EXPECT_EQ(data.substr(5, 3), lltest::readSome(other, 3));
-  EXPECT_EQ("none+cd-other+", state(copyOfParked) + state(cd) + state(other));
+  EXPECT_EQ(data.substr(0, 3) + data.substr(5, 3),
+            lltest::readSome(copyOfParked, 3) + lltest::readSome(other, 3));
+  EXPECT_EQ("none+cd-other+", state({&copyOfParked, &cd, &other}));
   {
     FailCalls faults({IoCall::Tell}, {1});  // a position not told at parking time comes back as 0
     ZFile::CloseAll(ZFile::eNonCdFiles);
   }
   EXPECT_EQ(0, other.Position());
+  // Each call's result, then the list that holds cd.
+  auto step = [&](int32_t result) { trace += std::to_string(result) + Access::where(cd) + " "; };
+  trace.clear();
   cdCount = 1;  // "c2:" is no prefix any more: the re-open tries a plain path, fails, moves lists
-  EXPECT_EQ(-1, cd.Position());
-  trace = Access::where(cd);
+  step(cd.Position());
   cdCount = 2;
-  EXPECT_EQ(0, cd.Position());
-  trace += Access::where(cd);
+  step(cd.Position());
   ZFile::CloseAll(ZFile::eAllFiles);
-  EXPECT_TRUE(cd.Open(plain, kRead, 0));  // a parked file opened anew
-  trace += Access::where(cd);
-  EXPECT_TRUE(cd.Open("cd:data.bin", kRead, 0) && failed.Open("cd:data.bin", kRead, 0));
-  EXPECT_EQ("othercdothercdcd", trace + Access::where(cd) + Access::where(failed));
+  step(cd.Open(plain, kRead, 0));  // a parked file opened anew
+  step(cd.Open("cd:data.bin", kRead, 0) && failed.Open("cd:data.bin", kRead, 0));
+  EXPECT_EQ("-1other 0cd 1other 1cd cd", trace + Access::where(failed));
   ZFile::CloseAll(ZFile::eAllFiles);
   EXPECT_FALSE(cd.Close());  // Close on a parked file ends its re-open
-  EXPECT_EQ("none-", state(cd));
+  EXPECT_EQ("none-", state({&cd}));
   EXPECT_EQ(-2, cd.Read(nullptr, 0) + cd.GetHandle());
   EXPECT_TRUE(wrapped.Close());
 }
-
-}  // namespace

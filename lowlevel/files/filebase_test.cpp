@@ -7,10 +7,8 @@
 
 namespace io = lowlevel::platform;
 
-namespace {
-
 // Whether each handle is an open descriptor, as "1"/"0".
-std::string open(std::initializer_list<int> handles) {
+static std::string open(std::initializer_list<int> handles) {
   std::string out;
   io::FileStat st;
   for (int h : handles) out += io::fstat(h, &st) == 0 ? "1" : "0";
@@ -18,7 +16,7 @@ std::string open(std::initializer_list<int> handles) {
 }
 
 // Position, Length, Seek(1, 0), Read and Write of one byte, SeekToEnd and SeekToBegin.
-std::string results(ZFileBase& f) {
+static std::string results(ZFileBase& f) {
   char c;
   std::string out;
   for (int step = 0; step < 8; ++step) {
@@ -78,5 +76,3 @@ TEST(FileBase, OwnershipDecidesWhatIsClosed) {
   EXPECT_FALSE(f.Close() || copy.IsOpen() || f.IsOpen());  // a failed close leaves it closed
   EXPECT_EQ("0", open({h}));
 }
-
-}  // namespace

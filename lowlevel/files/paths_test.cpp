@@ -3,10 +3,8 @@
 #include "lowlevel/files/file.h"
 #include "tests/testsupport/testing.h"
 
-namespace {
-
 // Resolves `path` and returns "<result>|<path afterwards>".
-std::string resolve(std::string path, bool retry = false) {
+static std::string resolve(std::string path, bool retry = false) {
   bool ok = ZFile::ResolvePath(path, retry, true);
   return (ok ? "true|" : "false|") + path;
 }
@@ -55,18 +53,16 @@ TEST(LogicalPaths, PrefixesLocationsAndVolumes) {
   // BuildPath puts the location's directory in front.
   host.locationNames = {"DATA", "EMPTY"};
   host.locationDirs = {"cd:\\data\\", ""};
-  std::string path = "f.bin", colon = "c:\\f.bin";
-  EXPECT_TRUE(ZFile::BuildPath(path, "DATA"));
-  EXPECT_FALSE(ZFile::BuildPath(colon, "DATA"));  // a path with a colon is left alone
-  EXPECT_EQ("cd:\\data\\f.bin c:\\f.bin", path + " " + colon);
-  path = "f.bin";
-  EXPECT_FALSE(ZFile::BuildPath(path, "") || ZFile::BuildPath(path, nullptr));
-  EXPECT_TRUE(host.reports.empty());
-  EXPECT_FALSE(ZFile::BuildPath(path, "EMPTY") || ZFile::BuildPath(path, "NOWHERE"));
-  EXPECT_EQ("f.bin", path);
+  std::string built;  // a path with a colon is left alone
+  const std::pair<std::string, const char*> builds[] = {
+      {"f.bin", "DATA"}, {"c:\\f.bin", "DATA"}, {"f.bin", ""}, {"f.bin", nullptr},
+      {"f.bin", "EMPTY"}, {"f.bin", "NOWHERE"}};
+  for (auto b : builds) {
+    const bool ok = ZFile::BuildPath(b.first, b.second);
+    built += std::to_string(ok) + b.first + " ";
+  }
+  EXPECT_EQ("1cd:\\data\\f.bin 0c:\\f.bin 0f.bin 0f.bin 0f.bin 0f.bin ", built);
   EXPECT_EQ(lltest::reportsText(host.reports),
             "No location given for files.\nEntry: EMPTY\n|ZFile::BuildPath|2|file\n"
             "No location given for files.\nEntry: NOWHERE\n|ZFile::BuildPath|2|file\n");
 }
-
-}  // namespace

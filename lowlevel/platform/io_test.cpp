@@ -11,8 +11,6 @@
 
 namespace io = lowlevel::platform;
 
-namespace {
-
 TEST(PlatformIo, OpenFlagsMapToAccessModes) {
   lltest::TempDir dir;
   std::string path = dir.file("a.bin");
@@ -33,11 +31,10 @@ TEST(PlatformIo, OpenFlagsMapToAccessModes) {
   // Read-only refuses writes; write-only refuses reads.
   char buf[8];
   h = io::open(path.c_str(), io::kOpenReadOnly, 0);
+  const int w = io::open(path.c_str(), io::kOpenWriteOnly, 0);
   EXPECT_EQ(-1, io::write(h, "x", 1));
-  io::close(h);
-  h = io::open(path.c_str(), io::kOpenWriteOnly, 0);
-  EXPECT_EQ(-1, io::read(h, buf, 1));
-  io::close(h);
+  EXPECT_EQ(-1, io::read(w, buf, 1));
+  EXPECT_EQ(0, io::close(h) + io::close(w));
 
   // Append writes at the end whatever the position; truncate empties.
   h = io::open(path.c_str(), io::kOpenWriteOnly | io::kOpenAppend, 0);
@@ -94,11 +91,8 @@ TEST(PlatformIo, SeekOutOfRangeFailsWithoutMoving) {
   ASSERT_GE(d, 0);
   io::lseek(d, 2, 0);
   EXPECT_EQ(2, io::tell(h));
-  io::close(d);
-  io::close(h);
-  EXPECT_EQ(-1, io::tell(-1));
-  EXPECT_EQ(-1, io::filelength(-1));
-  EXPECT_EQ(-1, io::dup(-1));
+  EXPECT_EQ(0, io::close(d) + io::close(h));
+  for (int32_t r : {io::tell(-1), io::filelength(-1), io::dup(-1)}) EXPECT_EQ(-1, r);
 }
 
 TEST(PlatformIo, StatTellsRegularFilesFromPipes) {
@@ -111,11 +105,10 @@ TEST(PlatformIo, StatTellsRegularFilesFromPipes) {
   EXPECT_EQ(3, st.size);
   io::close(h);
   int fds[2];
-  ASSERT_EQ(0, lowlevel::platform::makePipe(fds));
+  ASSERT_EQ(0, io::makePipe(fds));
   ASSERT_EQ(0, io::fstat(fds[0], &st));
   EXPECT_EQ(io::kModeFifo, st.mode);
-  ::close(fds[0]);
-  ::close(fds[1]);
+  EXPECT_EQ(0, io::close(fds[0]) + io::close(fds[1]));
   EXPECT_EQ(-1, io::fstat(-1, &st));
 }
 
@@ -137,10 +130,9 @@ TEST(PlatformIo, FaultHookFailsAndTearsCalls) {
   {
     lltest::FaultInjector all;
     all.failHandle = h;
-    EXPECT_EQ(-1, io::lseek(h, 0, 0));
-    EXPECT_EQ(-1, io::tell(h));
-    EXPECT_EQ(-1, io::filelength(h));
-    EXPECT_EQ(-1, io::dup(h));
+    for (int32_t r : {io::lseek(h, 0, 0), io::tell(h), io::filelength(h), io::dup(h)}) {
+      EXPECT_EQ(-1, r);
+    }
     all.failHandle = -1;
     all.failFrom = all.count + 1;
     EXPECT_EQ(-1, io::open(path.c_str(), io::kOpenReadOnly, 0));
@@ -172,9 +164,6 @@ TEST(PlatformIo, KeptPositionIsSharedAndHandedOut) {
   EXPECT_EQ(13, ::lseek(d, 0, SEEK_CUR));
   EXPECT_EQ(1, ::read(d, buf, 1));  // the system's position goes on from there
   EXPECT_EQ('d', buf[0]);
-  EXPECT_EQ(0, io::close(d));
-  EXPECT_EQ(0, io::close(h));
+  EXPECT_EQ(0, io::close(d) + io::close(h));
   EXPECT_EQ("0123456789aXYdef", lltest::readFile(path));
 }
-
-}  // namespace
