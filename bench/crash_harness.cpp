@@ -14,7 +14,8 @@
 //    Where a cut leaves a hot journal, the rollback at the next open is cut after each of its
 //    writes in turn, and the open after that must still give the entries before the batch.
 // 3. The kills of 1 against default-mode writers: how often the tree is unsound afterwards, and
-//    (with --tool) how many of the entries the tool's `btree salvage` recovers.
+//    (with --tool) how often the tool's `btree repair` makes it sound in place, with how many of
+//    the entries, and how many of the entries its `btree salvage` recovers.
 // Exit status 0 when every crash-safe outcome held; the figures go to standard output.
 #include <signal.h>
 #include <sys/wait.h>
@@ -140,7 +141,23 @@ int lastLogged(const std::string& path) {
 struct KillFigures {
   int runs = 0, exact = 0, exactNext = 0, failed = 0, unsound = 0;
   int64_t entries = 0, salvaged = 0, salvageRuns = 0;
+  int repaired = 0;              // unsound trees that `repair` made sound
+  int64_t repairedEntries = 0, repairedKept = 0;  // the last completed batches' entries, kept
 };
+
+// How many entries of `done` `got` holds with the same value.
+int64_t kept(const Model& done, const Model& got) {
+  int64_t same = 0;
+  for (const auto& e : done) {
+    const auto it = got.find(e.first);
+    same += it != got.end() && it->second == e.second;
+  }
+  return same;
+}
+
+bool runTool(const std::string& tool, const std::string& args) {
+  return std::system(("'" + tool + "' " + args + " >/dev/null 2>&1").c_str()) == 0;
+}
 
 bool killOnce(const std::string& path, uint64_t seed, bool safe, std::mt19937_64& rng,
               const std::string& tool, KillFigures& f) {
@@ -167,13 +184,16 @@ bool killOnce(const std::string& path, uint64_t seed, bool safe, std::mt19937_64
     if (!fault.empty()) ++f.unsound;
     if (!tool.empty()) {
       const std::string saved = path + ".saved";
-      const std::string cmd = "'" + tool + "' btree salvage '" + path + "' '" + saved + "' >/dev/null 2>&1";
       Model rescued;
-      if (std::system(cmd.c_str()) == 0 && readTree(saved, rescued).empty()) {
-        int64_t same = 0;
-        for (const auto& e : done) same += rescued.count(e.first) != 0 && rescued[e.first] == e.second;
-        f.salvaged += same;
+      if (runTool(tool, "btree salvage '" + path + "' '" + saved + "'") && readTree(saved, rescued).empty()) {
+        f.salvaged += kept(done, rescued);
         ++f.salvageRuns;
+      }
+      Model mended;  // repair works in place, so it comes after salvage has read the original
+      if (!fault.empty() && runTool(tool, "btree repair '" + path + "'") && readTree(path, mended).empty()) {
+        ++f.repaired;
+        f.repairedEntries += static_cast<int64_t>(done.size());
+        f.repairedKept += kept(done, mended);
       }
     }
     return true;
@@ -378,6 +398,11 @@ int main(int argc, char** argv) {
   }
   std::printf("default-mode kills: %d runs, %d left a tree that fails to open or its self-test",
               plain.runs, plain.unsound);
+  if (!tool.empty()) {
+    std::printf("; repair made %d of them sound in place, keeping %lld of their %lld entries of the "
+                "last completed batches", plain.repaired, static_cast<long long>(plain.repairedKept),
+                static_cast<long long>(plain.repairedEntries));
+  }
   if (plain.salvageRuns > 0) {
     std::printf("; salvage recovered %lld of %lld entries of the last completed batches",
                 static_cast<long long>(plain.salvaged), static_cast<long long>(plain.entries));

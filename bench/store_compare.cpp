@@ -42,22 +42,32 @@ namespace fs = std::filesystem;
 constexpr int kKeyBytes = 16;
 
 // Keys are 16 bytes: a fixed prefix and a zero-padded decimal number, so order is numeric order.
-std::string makeKey(uint64_t n) {
-  char buf[32];
-  std::snprintf(buf, sizeof buf, "k%015llu", static_cast<unsigned long long>(n % 1000000000000000ULL));
-  return std::string(buf, kKeyBytes);
+// Made in place, without formatting or allocating: the harness should cost little next to the
+// stores.
+struct Key {
+  char bytes[kKeyBytes];
+  const char* data() const { return bytes; }
+  bool operator<(const Key& o) const { return std::memcmp(bytes, o.bytes, kKeyBytes) < 0; }
+};
+
+Key makeKey(uint64_t n) {
+  Key key;
+  key.bytes[0] = 'k';
+  n %= 1000000000000000ULL;
+  for (int i = kKeyBytes - 1; i > 0; --i, n /= 10) key.bytes[i] = static_cast<char>('0' + n % 10);
+  return key;
 }
 
 // The store interface the workloads drive.
 class Store {
  public:
   virtual ~Store() = default;
-  virtual bool put(const std::string& key, int32_t value) = 0;
-  virtual bool get(const std::string& key, int32_t* value) = 0;
+  virtual bool put(const Key& key, int32_t value) = 0;
+  virtual bool get(const Key& key, int32_t* value) = 0;
   // Positions at the first key >= `key` and reads up to `count` entries; returns how many.
-  virtual int seekAndRead(const std::string& key, int count) = 0;
+  virtual int seekAndRead(const Key& key, int count) = 0;
   virtual int64_t readAll() = 0;
-  virtual bool del(const std::string& key) = 0;
+  virtual bool del(const Key& key) = 0;
   virtual void beginBulk() {}
   virtual void endBulk() {}
   virtual void close() = 0;
@@ -71,9 +81,9 @@ class OurStore : public Store {
   explicit OurStore(const std::string& path) : tree_(path, 64, kKeyBytes, false, 0, 0, 0) {
     if (!tree_.isOk()) std::abort();
   }
-  bool put(const std::string& k, int32_t v) override { return tree_.insertKey(v, k.data(), kKeyBytes); }
-  bool get(const std::string& k, int32_t* v) override { return tree_.find(*v, k.data(), kKeyBytes); }
-  int seekAndRead(const std::string& k, int count) override {
+  bool put(const Key& k, int32_t v) override { return tree_.insertKey(v, k.data(), kKeyBytes); }
+  bool get(const Key& k, int32_t* v) override { return tree_.find(*v, k.data(), kKeyBytes); }
+  int seekAndRead(const Key& k, int count) override {
     int32_t v;
     int n = 0;
     for (bool ok = tree_.findGreaterThanOrEqual(v, k.data(), kKeyBytes); ok && n < count; ok = tree_.next(v)) ++n;
@@ -85,7 +95,7 @@ class OurStore : public Store {
     for (bool ok = tree_.first(v); ok; ok = tree_.next(v)) ++n;
     return n;
   }
-  bool del(const std::string& k) override { return tree_.deleteKey(k.data(), kKeyBytes); }
+  bool del(const Key& k) override { return tree_.deleteKey(k.data(), kKeyBytes); }
   void close() override {}
 
  private:
@@ -106,21 +116,21 @@ class SqliteStore : public Store {
     prepare(&del_, "DELETE FROM kv WHERE k = ?");
   }
   ~SqliteStore() override { close(); }
-  bool put(const std::string& k, int32_t v) override {
+  bool put(const Key& k, int32_t v) override {
     sqlite3_bind_blob(put_, 1, k.data(), kKeyBytes, SQLITE_STATIC);
     sqlite3_bind_int(put_, 2, v);
     bool ok = sqlite3_step(put_) == SQLITE_DONE;
     sqlite3_reset(put_);
     return ok;
   }
-  bool get(const std::string& k, int32_t* v) override {
+  bool get(const Key& k, int32_t* v) override {
     sqlite3_bind_blob(get_, 1, k.data(), kKeyBytes, SQLITE_STATIC);
     bool ok = sqlite3_step(get_) == SQLITE_ROW;
     if (ok) *v = sqlite3_column_int(get_, 0);
     sqlite3_reset(get_);
     return ok;
   }
-  int seekAndRead(const std::string& k, int count) override {
+  int seekAndRead(const Key& k, int count) override {
     sqlite3_bind_blob(seek_, 1, k.data(), kKeyBytes, SQLITE_STATIC);
     sqlite3_bind_int(seek_, 2, count);
     int n = 0;
@@ -134,7 +144,7 @@ class SqliteStore : public Store {
     sqlite3_reset(all_);
     return n;
   }
-  bool del(const std::string& k) override {
+  bool del(const Key& k) override {
     sqlite3_bind_blob(del_, 1, k.data(), kKeyBytes, SQLITE_STATIC);
     bool ok = sqlite3_step(del_) == SQLITE_DONE && sqlite3_changes(db_) == 1;
     sqlite3_reset(del_);
@@ -167,21 +177,21 @@ class BdbStore : public Store {
     if (db_->open(db_, nullptr, path.c_str(), nullptr, DB_BTREE, DB_CREATE, 0644) != 0) std::abort();
   }
   ~BdbStore() override { close(); }
-  bool put(const std::string& k, int32_t v) override {
+  bool put(const Key& k, int32_t v) override {
     DBT key = dbt(k.data(), kKeyBytes), val = dbt(&v, 4);
     return db_->put(db_, nullptr, &key, &val, DB_NOOVERWRITE) == 0;
   }
-  bool get(const std::string& k, int32_t* v) override {
+  bool get(const Key& k, int32_t* v) override {
     DBT key = dbt(k.data(), kKeyBytes), val = dbt(v, 4);
     val.ulen = 4;
     val.flags = DB_DBT_USERMEM;
     return db_->get(db_, nullptr, &key, &val, 0) == 0;
   }
-  int seekAndRead(const std::string& k, int count) override {
+  int seekAndRead(const Key& k, int count) override {
     DBC* c;
     db_->cursor(db_, nullptr, &c, 0);
-    std::string probe = k;
-    DBT key = dbt(&probe[0], kKeyBytes), val = dbt(nullptr, 0);
+    Key probe = k;
+    DBT key = dbt(probe.bytes, kKeyBytes), val = dbt(nullptr, 0);
     int n = 0;
     for (int r = c->get(c, &key, &val, DB_SET_RANGE); r == 0 && n < count; r = c->get(c, &key, &val, DB_NEXT)) ++n;
     c->close(c);
@@ -196,7 +206,7 @@ class BdbStore : public Store {
     c->close(c);
     return n;
   }
-  bool del(const std::string& k) override {
+  bool del(const Key& k) override {
     DBT key = dbt(k.data(), kKeyBytes);
     return db_->del(db_, nullptr, &key, 0) == 0;
   }
@@ -230,7 +240,7 @@ class LmdbStore : public Store {
     mdb_txn_commit(txn);
   }
   ~LmdbStore() override { close(); }
-  bool put(const std::string& k, int32_t v) override {
+  bool put(const Key& k, int32_t v) override {
     MDB_txn* txn;
     mdb_txn_begin(env_, nullptr, 0, &txn);
     MDB_val key{kKeyBytes, const_cast<char*>(k.data())}, val{4, &v};
@@ -238,7 +248,7 @@ class LmdbStore : public Store {
     mdb_txn_commit(txn);
     return r == 0;
   }
-  bool get(const std::string& k, int32_t* v) override {
+  bool get(const Key& k, int32_t* v) override {
     MDB_txn* txn;
     mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
     MDB_val key{kKeyBytes, const_cast<char*>(k.data())}, val;
@@ -247,7 +257,7 @@ class LmdbStore : public Store {
     mdb_txn_abort(txn);
     return r == 0;
   }
-  int seekAndRead(const std::string& k, int count) override {
+  int seekAndRead(const Key& k, int count) override {
     MDB_txn* txn;
     mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
     MDB_cursor* c;
@@ -272,7 +282,7 @@ class LmdbStore : public Store {
     mdb_txn_abort(txn);
     return n;
   }
-  bool del(const std::string& k) override {
+  bool del(const Key& k) override {
     MDB_txn* txn;
     mdb_txn_begin(env_, nullptr, 0, &txn);
     MDB_val key{kKeyBytes, const_cast<char*>(k.data())};
@@ -406,7 +416,7 @@ void runStore(const std::string& name, int64_t n, const std::string& dir, FILE* 
 // the bulk builder, SQLite by inserts into a plain table in one transaction and then the index,
 // Berkeley DB by sorted inserts, LMDB by sorted appends in one transaction.
 void bulkLoad(const std::string& name, const std::string& path,
-              std::vector<std::pair<std::string, int32_t>>& entries) {
+              std::vector<std::pair<Key, int32_t>>& entries) {
   std::sort(entries.begin(), entries.end());
   if (name == "ours" || name == "ours-nocache") {
     setBTreePageCacheSize(name == "ours" ? kBTreePageCacheDefaultSize : 0);
@@ -455,7 +465,7 @@ void bulkLoad(const std::string& name, const std::string& path,
     mdb_txn_begin(env, nullptr, 0, &txn);
     mdb_dbi_open(txn, nullptr, 0, &dbi);
     for (auto& e : entries) {
-      MDB_val key{kKeyBytes, &e.first[0]}, val{4, &e.second};
+      MDB_val key{kKeyBytes, e.first.bytes}, val{4, &e.second};
       if (mdb_put(txn, dbi, &key, &val, MDB_APPEND) != 0) std::abort();
     }
     mdb_txn_commit(txn);
@@ -467,7 +477,7 @@ void bulkLoad(const std::string& name, const std::string& path,
 void runBulk(const std::string& name, int64_t n, const std::string& dir, FILE* out) {
   const std::string path = dir + "/" + name + "-bulk-" + std::to_string(n);
   fs::remove_all(path);
-  std::vector<std::pair<std::string, int32_t>> entries;
+  std::vector<std::pair<Key, int32_t>> entries;
   entries.reserve(static_cast<size_t>(n));
   for (int64_t i = 0; i < n; ++i) entries.emplace_back(makeKey(static_cast<uint64_t>(i) * 2), static_cast<int32_t>(i));
   std::mt19937_64 rng(43);

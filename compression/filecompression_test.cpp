@@ -4,9 +4,11 @@
 #include <xxhash.h>
 #include <zstd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 
+#include "compression/seekable_writer.h"
 #include "lowlevel/platform/io.h"
 #include "tests/testsupport/testing.h"
 
@@ -21,9 +23,9 @@ void set32(std::string& s, size_t at, uint32_t v) {
   for (int i = 0; i < 4; ++i) s[at + i] = static_cast<char>(v >> (8 * i));
 }
 
-std::string zframe(const std::string& data) {
+std::string zframe(const std::string& data, int level = 1) {
   std::string out(ZSTD_compressBound(data.size()), '\0');
-  out.resize(ZSTD_compress(&out[0], out.size(), data.data(), data.size(), 1));
+  out.resize(ZSTD_compress(&out[0], out.size(), data.data(), data.size(), level));
   return out;
 }
 
@@ -45,11 +47,9 @@ std::string seekable(const std::vector<Entry>& entries, bool checksums, uint8_t 
   put32(out, 0x8F92EAB1);
   return out;
 }
-Entry entry(const std::string& data) {
-  return {zframe(data), static_cast<uint32_t>(data.size()), static_cast<uint32_t>(XXH64(data.data(), data.size(), 0))};
+Entry entry(const std::string& data, int level = 1) {
+  return {zframe(data, level), static_cast<uint32_t>(data.size()), static_cast<uint32_t>(XXH64(data.data(), data.size(), 0))};
 }
-
-std::string pattern(size_t n, unsigned seed) { return lltest::randomBytes(n, seed); }
 
 // Expands the chunk at `offset` into a buffer of `capacity` bytes filled with '#' (none when 0):
 // "ok" or "fail", the length given back, and the whole buffer.
@@ -58,6 +58,23 @@ std::string expand(ZfileCompression& z, int32_t offset, int32_t capacity) {
   int32_t length = capacity;
   bool ok = z.expandChunk(offset, capacity > 0 ? &buf[0] : nullptr, length);
   return (ok ? "ok " : "fail ") + std::to_string(length) + " " + buf;
+}
+
+// The writer's files are the reference's bytes: the input cut in chunks of the chunk size (no input
+// is one empty chunk), each one frame of the level, then the table with or without checksums.
+TEST(SeekableFormat, TheWriterGivesTheReferenceBytes) {
+  const std::string data = lltest::randomBytes(140000, 12);
+  const struct { size_t n; lowlevel::compression::SeekableWriteOptions o; } cases[] = {
+      {140000, {}}, {2500, {1000, 19, false}}, {0, {}}};
+  for (const auto& [n, o] : cases) {
+    std::vector<Entry> entries;
+    for (size_t at = 0; at == 0 || at < n; at += o.chunkSize) {
+      entries.push_back(entry(data.substr(at, std::min<size_t>(o.chunkSize, n - at)), o.level));
+    }
+    std::string out;
+    ASSERT_TRUE(lowlevel::compression::compressToSeekable(data.substr(0, n), o, &out, nullptr));
+    EXPECT_EQ(seekable(entries, o.checksums), out) << n;
+  }
 }
 
 class Reader : public ::testing::Test {
@@ -70,27 +87,19 @@ class Reader : public ::testing::Test {
     z_.init(handle_, 0);
     return z_.startExpand();
   }
-  // The chunk walk as "offset:size" items.
-  std::string walk() {
+  // The chunk walk as "offset:size" items. With `bytes`, each chunk is also expanded into it, in
+  // walk order; a failure (or a length other than the walk's) ends the walk with "!".
+  std::string walk(std::string* bytes = nullptr) {
     std::string out;
     int32_t off = 0, size = 0;
     for (bool more = z_.chunkWalkFirst(off, size); more; more = z_.chunkWalkNext(off, size)) {
       out += std::to_string(off) + ":" + std::to_string(size) + " ";
-    }
-    return out;
-  }
-  // Expands every chunk in walk order; ok false on any failure.
-  std::string readAll(bool& ok) {
-    std::string all;
-    int32_t off = 0, size = 0;
-    ok = true;
-    for (bool more = z_.chunkWalkFirst(off, size); more && ok; more = z_.chunkWalkNext(off, size)) {
       std::vector<char> buf(static_cast<size_t>(size) + 1);
       int32_t length = size + 1;
-      ok = z_.expandChunk(off, buf.data(), length) && length == size;
-      all.append(buf.data(), static_cast<size_t>(length));
+      if (bytes && (!z_.expandChunk(off, buf.data(), length) || length != size)) return out + "!";
+      if (bytes) bytes->append(buf.data(), static_cast<size_t>(length));
     }
-    return all;
+    return out;
   }
   void TearDown() override { if (handle_ >= 0) io::close(handle_); }
 
@@ -100,22 +109,22 @@ class Reader : public ::testing::Test {
 };
 
 TEST_F(Reader, IndependentFilesReadBackExactlyWithAndWithoutChecksums) {
-  const std::string a = pattern(1000, 1), c = pattern(333, 2);
+  const std::string a = lltest::randomBytes(1000, 1), c = lltest::randomBytes(333, 2);
   for (bool sums : {true, false}) {
     Entry ea = entry(a), eb = entry(""), ec = entry(c);
     ASSERT_TRUE(open(seekable({ea, eb, ec}, sums, 0x03))) << z_.getErrMsg();  // bits 1-0 are ignored
     EXPECT_EQ(1333, z_.uncompressedLength());
     const size_t b = ea.frame.size();
+    std::string bytes;
     EXPECT_EQ("0:1000 " + std::to_string(b) + ":0 " + std::to_string(b + eb.frame.size()) + ":333 ",
-              walk());
-    bool ok = false;
-    EXPECT_EQ(a + c, readAll(ok));
-    EXPECT_TRUE(ok);
+              walk(&bytes));
+    EXPECT_EQ(a + c, bytes);
   }
 }
 
-TEST_F(Reader, CapacityProtocol) {
-  const std::string a = pattern(500, 3);
+// The capacity protocol; copies decode on their own.
+TEST_F(Reader, CapacityProtocolAndCopies) {
+  const std::string a = lltest::randomBytes(500, 3);
   Entry ea = entry(a), eb = entry("");
   ASSERT_TRUE(open(seekable({ea, eb}, true)));
   const int32_t empty = static_cast<int32_t>(ea.frame.size());
@@ -127,10 +136,13 @@ TEST_F(Reader, CapacityProtocol) {
     EXPECT_EQ("fail 0 " + std::string(600, '#'), expand(z_, bad, 600)) << bad;
     EXPECT_NE("", z_.getErrMsg());
   }
+  ZfileCompression copy(z_), assigned;
+  assigned = copy;
+  EXPECT_EQ("ok 500 " + a + "|ok 500 " + a, expand(copy, 0, 500) + "|" + expand(assigned, 0, 500));
 }
 
 TEST_F(Reader, InconsistentTablesAreNotCompressed) {
-  const std::string good = seekable({entry(pattern(300, 4)), entry(pattern(200, 5))}, true);
+  const std::string good = seekable({entry(lltest::randomBytes(300, 4)), entry(lltest::randomBytes(200, 5))}, true);
   const size_t end = good.size(), table = end - 9 - 24 - 8;
   using Edit = std::function<void(std::string&)>;
   const std::vector<std::pair<const char*, Edit>> cases = {
@@ -155,7 +167,7 @@ TEST_F(Reader, InconsistentTablesAreNotCompressed) {
          set32(s, table + 20, 0xFFFFFFF0u);
        }},
       {"plain text", [](std::string& s) { s = "just some text that is long enough to have a footer"; }},
-      {"bare zstd frame", [](std::string& s) { s = zframe(pattern(100, 6)); }},
+      {"bare zstd frame", [](std::string& s) { s = zframe(lltest::randomBytes(100, 6)); }},
   };
   for (const auto& [name, edit] : cases) {
     std::string bytes = good;
@@ -184,7 +196,7 @@ TEST_F(Reader, ExpandedTotalMustFitSigned32Bits) {
 }
 
 TEST_F(Reader, LyingOrDamagedFramesFailWithLengthZero) {
-  const std::string a = pattern(400, 7), b = pattern(100, 8);
+  const std::string a = lltest::randomBytes(400, 7), b = lltest::randomBytes(100, 8);
   Entry ea = entry(a), eb = entry(b);
   Entry longer = ea, shorter = ea, joined = ea, damaged = ea, badSum = ea;
   longer.expanded = 401;
@@ -203,35 +215,31 @@ TEST_F(Reader, LyingOrDamagedFramesFailWithLengthZero) {
   EXPECT_EQ("ok 400 " + a, expand(z_, 0, 400));
 }
 
-TEST_F(Reader, EveryFailingIoCallGivesFalseAndAMessage) {
-  const std::string a = pattern(3000, 9), b = pattern(1000, 10);
-  const std::string bytes = seekable({entry(a), entry(b)}, true);
-  int k = 1;
-  for (;; ++k) {
-    ASSERT_LT(k, 100);
+// The k-th read, seek or length call fails, for every k: false and the message of that call.
+TEST_F(Reader, EveryFailingIoCallGivesFalseAndItsMessage) {
+  const std::string a = lltest::randomBytes(3000, 9), b = lltest::randomBytes(1000, 10);
+  const Entry first = entry(a);
+  const std::string bytes = seekable({first, entry(b)}, true);
+  std::string messages;
+  for (int k = 1; k < 100; ++k) {
     lltest::FaultInjector fault({io::IoCall::Read, io::IoCall::Seek, io::IoCall::Length});
     fault.failAt = {k};
-    bool ok = open(bytes);
-    std::string got = ok ? readAll(ok) : "";
+    std::string got;
+    const bool ok = open(bytes) && walk(&got).find('!') == std::string::npos;
     if (fault.failures == 0) {
-      EXPECT_TRUE(ok);
-      EXPECT_EQ(a + b, got);
+      EXPECT_TRUE(ok && got == a + b);
       break;
     }
     EXPECT_FALSE(ok) << k;
-    EXPECT_NE("", z_.getErrMsg()) << k;
+    messages += z_.getErrMsg() + "\n";
   }
-  EXPECT_EQ(10, k);  // nine calls: length, then seek and read of footer, table and both chunks
-}
-
-TEST_F(Reader, CopiesDecodeOnTheirOwn) {
-  const std::string a = pattern(700, 11);
-  ASSERT_TRUE(open(seekable({entry(a)}, true)));
-  ASSERT_EQ("ok 700 " + a, expand(z_, 0, 700));
-  ZfileCompression copy(z_), assigned;
-  assigned = copy;
-  EXPECT_EQ("ok 700 " + a, expand(copy, 0, 700));
-  EXPECT_EQ("ok 700 " + a, expand(assigned, 0, 700));
+  // Length, then seek and read of the footer, the table and each chunk.
+  const std::string table = "not a compressed file: cannot read the seek table", at = " the chunk at ";
+  const std::string second = at + std::to_string(first.frame.size()) + "\n";
+  EXPECT_EQ("not a compressed file: cannot get the length of the file\n" + table + " footer\n" + table +
+                " footer\n" + table + "\n" + table + "\ncannot seek to" + at + "0\ncannot read" + at +
+                "0\ncannot seek to" + second + "cannot read" + second,
+            messages);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Prepares the windows-x64 platform (called as `scripts/setup.sh --target windows-x64`): the
-# MinGW-w64 compiler and Wine from this machine's Debian packages, and a private sysroot under build/sysroot/windows-x64 with zstd (built from Debian's
-# source package), the xxhash header, GoogleTest (built from libgtest-dev's sources) and the
+# MinGW-w64 compiler and Wine from this machine's Debian packages, and a private sysroot under
+# build/sysroot/windows-x64 with zstd and its program (built from Debian's source package), the xxhash header, GoogleTest (built from libgtest-dev's sources) and the
 # header-only libraries of the tool. Everything fetched is kept under build/, so a second run
 # fetches and builds nothing. The machine's apt configuration is not changed.
 set -euo pipefail
@@ -60,7 +60,8 @@ command -v ccache >/dev/null && cross+=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMA
 
 # zstd from Debian's source package, through a private source list that repeats the machine's
 # Debian archive as deb-src.
-if [ ! -e "$cache/zstd.installed" ]; then
+# Its command-line program too: a test checks that the zstd program reads the library's files.
+if [ ! -e "$cache/zstd.installed" ] || [ ! -e "$sysroot/usr/bin/zstd.exe" ]; then
   apt=$cache/apt
   mkdir -p "$apt/lists/partial" "$apt/parts"
   uri=$(sed -n 's/^URIs: *//p' /etc/apt/sources.list.d/*.sources 2>/dev/null | grep -v security | head -1)
@@ -74,7 +75,7 @@ if [ ! -e "$cache/zstd.installed" ]; then
   rm -rf "$cache/zstd-src" && mkdir -p "$cache/zstd-src"
   (cd "$cache/zstd-src" && apt-get "${aptopts[@]}" source -qq zstd >/dev/null) || die "cannot fetch zstd's source package"
   src=$(find "$cache/zstd-src" -maxdepth 1 -mindepth 1 -type d -name '*zstd-*' | head -1)
-  cmake -S "$src/build/cmake" -B "$cache/zstd-build" "${cross[@]}" -DZSTD_BUILD_PROGRAMS=OFF \
+  cmake -S "$src/build/cmake" -B "$cache/zstd-build" "${cross[@]}" -DZSTD_BUILD_PROGRAMS=ON \
     -DZSTD_BUILD_SHARED=OFF -DZSTD_BUILD_STATIC=ON -DZSTD_BUILD_TESTS=OFF -DZSTD_MULTITHREAD_SUPPORT=OFF >/dev/null
   cmake --build "$cache/zstd-build" -j2 >/dev/null
   DESTDIR=$sysroot cmake --install "$cache/zstd-build" >/dev/null

@@ -28,5 +28,7 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static -Wl,--exclude-libs,ALL")
 
 # A quiet Wine with a prefix of its own, no display and no standard input needed.
+# WINEPATH puts the sysroot's zstd.exe on the tests' PATH, as a Windows path on Wine's Z: drive.
+string(REPLACE "/" "\\" LOWLEVEL_WINE_BIN "Z:${LOWLEVEL_SYSROOT}/usr/bin")
 set(CMAKE_CROSSCOMPILING_EMULATOR env "WINEPREFIX=${LOWLEVEL_TARGET_TOP}/build/wine-prefix"
-    WINEDEBUG=-all "WINEDLLOVERRIDES=mscoree,mshtml=" DISPLAY= wine)
+    "WINEPATH=${LOWLEVEL_WINE_BIN}" WINEDEBUG=-all "WINEDLLOVERRIDES=mscoree,mshtml=" DISPLAY= wine)

@@ -78,7 +78,12 @@ class BTreeBulkBuilder {
     }
     // Until the last header write the file does not open as a tree.
     file.hdr.magic = 0;
-    if (build(levels_.size() - 1, -1) < 0) return false;
+    // The pages go out behind a header that does not open; without it the build does not start.
+    if (!file.writeHeader()) return false;
+    file.headerAfterPageWrite = false;
+    const bool built = build(levels_.size() - 1, -1) >= 0;
+    file.headerAfterPageWrite = true;
+    if (!built) return false;
     BTreeBulkEntry extra;
     if (next_(extra)) return refuse(count_, "is one more than the count");
     file.keyCount = static_cast<int32_t>(count_);
@@ -141,13 +146,13 @@ class BTreeBulkBuilder {
     page.values[i] = entry.value;
     const BTreePageKey& slot = page.keys[i];
     if (slot.data == nullptr) return false;
-    const std::string bytes(reinterpret_cast<const char*>(slot.data), slot.size);
     if (taken_ > 0) {
-      const int order = bytes.compare(previous_);
+      const int order = slot.compare(previous_);
       if (order < 0) return refuse(taken_, "is out of order");
       if (order == 0) return refuse(taken_, "repeats the key before it");
     }
-    previous_ = bytes;
+    previous_ = slot;
+    if (previous_.data == nullptr) return false;
     ++taken_;
     return true;
   }
@@ -167,7 +172,7 @@ class BTreeBulkBuilder {
   int64_t recordSize_ = 0;
   int64_t placed_ = 0;
   int64_t taken_ = 0;
-  std::string previous_;
+  BTreePageKey previous_;  // the slot of the entry taken last
 };
 
 bool bulkBuildBTree(const std::string& targetName, const BTreeBulkShape& shape, int64_t count,

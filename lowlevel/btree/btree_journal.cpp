@@ -97,6 +97,7 @@ BTreeJournal::BTreeJournal(std::string journalPath, int32_t recordSize)
 
 BTreeJournal::~BTreeJournal() {
   if (journal_ >= 0) io::close(journal_);
+  if (lockedHandle_ >= 0) io::close(lockedHandle_);  // closing drops the lock
 }
 
 std::string BTreeJournal::pathFor(const std::string& fileName) {
@@ -119,13 +120,21 @@ int32_t BTreeJournal::blockSize(int32_t start) const {
   return start == 0 ? kBTreeHeaderSize : recordSize_;
 }
 
+// The lock is taken on a handle of the journal's own, not on the tree's: ZFile::CloseAll may park
+// the tree in the middle of a batch and closing its handle would drop a lock held there.
 bool BTreeJournal::begin(ZFile& tree, bool wait) {
   if (active_) return false;
-  const int handle = tree.GetHandle();
-  if (io::lock(handle, wait) != 0) return false;
+  const std::string treePath = path_.substr(0, path_.size() - std::strlen("-journal"));
+  const int handle = io::open(treePath.c_str(), io::kOpenBinary | io::kOpenReadOnly, 0);
+  if (handle < 0) return false;
+  if (io::lock(handle, wait) != 0) {
+    io::close(handle);
+    return false;
+  }
   const int32_t length = tree.Length();
   if (length < 0) {
     io::unlock(handle);
+    io::close(handle);
     return false;
   }
   lockedHandle_ = handle;
@@ -249,7 +258,10 @@ void BTreeJournal::end(ZFile& tree) {
   journaled_.clear();
   if (journal_ >= 0) io::close(journal_);
   journal_ = -1;
-  if (lockedHandle_ >= 0) io::unlock(lockedHandle_);
+  if (lockedHandle_ >= 0) {
+    io::unlock(lockedHandle_);
+    io::close(lockedHandle_);
+  }
   lockedHandle_ = -1;
   active_ = false;
 }

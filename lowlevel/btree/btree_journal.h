@@ -33,7 +33,8 @@ class BTreeJournal {
   // The journal's name beside the tree `fileName` (its prefix resolved).
   static std::string pathFor(const std::string& fileName);
 
-  // Takes the lock on the tree and notes its length. False when the lock is not had.
+  // Takes the lock on the tree, through a handle of its own that stays open for the batch (so a
+  // tree parked by ZFile::CloseAll keeps it), and notes its length. False when the lock is not had.
   bool begin(ZFile& tree, bool wait);
   bool active() const { return active_; }
   // Reads or writes `count` bytes at `position` through the overlay. False on a failed read of
@@ -73,7 +74,7 @@ class BTreeJournal {
   int32_t recordSize_;
   bool active_ = false;
   bool stuck_ = false;
-  int lockedHandle_ = -1;
+  int lockedHandle_ = -1;   // the journal's own handle on the tree, locked during a batch
   int journal_ = -1;        // handle of the journal file while a batch has one
   uint32_t salt_ = 0;
   int32_t oldLength_ = 0;   // the tree's length when the batch began

@@ -55,6 +55,50 @@ uint32_t scan(uint32_t count, Compare compare, bool& equal) {
   return count;
 }
 
+// The index `scan` gives, found by halving: on keys that never sort before the key in front of
+// them, the keys before the first one at or after the key sought are exactly the keys before it,
+// so both give the same index and the same `equal`.
+template <class Compare>
+uint32_t halve(uint32_t count, Compare compare, bool& equal) {
+  uint32_t low = 0, high = count;
+  int atHigh = 1;
+  while (low < high) {
+    const uint32_t middle = low + (high - low) / 2;
+    const int order = compare(middle);
+    if (order < 0) {
+      low = middle + 1;
+    } else {
+      high = middle;
+      atHigh = order;
+    }
+  }
+  equal = low < count && atHigh == 0;
+  return low;
+}
+
+// Whether every key of `record` sorts at or after the one before it.
+bool keysAscending(const BTreeRecord& record, uint32_t width) {
+  for (uint32_t i = 1; i < record.keyCount; ++i) {
+    const unsigned char* key = record.keys + size_t{i} * width;
+    if (std::memcmp(key - width, key, width) > 0) return false;
+  }
+  return true;
+}
+
+// The scan's answer for a record. A record the page cache holds carries a note of whether its keys
+// are in order, taken once per cached record; then halving gives the same answer in far fewer
+// comparisons. A record whose keys are out of order (a damaged file) is always scanned.
+template <class Compare>
+uint32_t searchRecord(const BTreeRecord& record, uint32_t width, Compare compare, bool& equal) {
+  if (record.keyOrder != nullptr) {
+    if (*record.keyOrder == kKeyOrderUnknown) {
+      *record.keyOrder = keysAscending(record, width) ? kKeyOrderAscending : kKeyOrderUnordered;
+    }
+    if (*record.keyOrder == kKeyOrderAscending) return halve(record.keyCount, compare, equal);
+  }
+  return scan(record.keyCount, compare, equal);
+}
+
 // A new cursor page holding what `result` held (result is left a placeholder).
 BTreePage* cursorPage(BTreePage& result) {
   BTreePage* page = new BTreePage(0, 0);
@@ -83,8 +127,8 @@ bool BTree::Search(const BTreePage& page, const BTreePageKey& key, BTreePage& re
   BTreeRecord record;
   for (;;) {
     if (!budget.step() || !pageFile->readRecord(child, record)) break;
-    index = scan(
-        record.keyCount,
+    index = searchRecord(
+        record, width,
         [&](uint32_t i) { return compareSlot(record.keys + size_t{i} * width, width, key); },
         equal);
     child = record.child(index);
@@ -113,6 +157,7 @@ bool BTree::find(int32_t& value, const char* key, int length) {
   }
   BTreePageKey slot = prepareKey(key, length, 0);
   BTreePage result(0, 0);
+  BTreePageRecycler recycler(*pageFile, result);  // a miss leaves its page to the next read
   uint32_t index = 0;
   if (!Search(*root, slot, result, index)) return false;
   curPage = cursorPage(result);

@@ -100,7 +100,7 @@ BTreePageKey::BTreePageKey(const BTreePageKey& other)
   if (size > 0) std::memcpy(data, other.data, size);
 }
 
-BTreePageKey& BTreePageKey::operator=(const BTreePageKey& other) {
+BTreePageKey& BTreePageKey::assignFrom(const BTreePageKey& other) {
   if (this == &other) return *this;
   if (other.data == nullptr) {
     clear();

@@ -23,7 +23,15 @@ class BTreePageKey {
   // and leave the empty key. A slot narrower than 4 bytes keeps no tail and no key bytes.
   BTreePageKey(const BTreePageKey& other);
   // Frees this key's buffer, then copies (assigning the empty key empties the slot).
-  BTreePageKey& operator=(const BTreePageKey& other);
+  BTreePageKey& operator=(const BTreePageKey& other) {
+    // Most assignments move keys between slots of one width: the buffer stays, the bytes move.
+    if (data != nullptr && other.data != nullptr && size == other.size && this != &other) {
+      length = other.length;
+      copyBytes(data, other.data, size);
+      return *this;
+    }
+    return assignFrom(other);
+  }
   ~BTreePageKey() { release(); }
 
   // Unsigned bytewise comparison over this key's size: negative when this key sorts first (-1, 0
@@ -37,15 +45,42 @@ class BTreePageKey {
   // Makes this key a copy of the `size` bytes at `bytes` (length = size), reusing its buffer when
   // the width is the same. False when no buffer can be had: the key is then empty.
   bool assign(const unsigned char* bytes, unsigned size) {
-    if (data == nullptr || this->size != size || size == 0) {
+    if (data == nullptr && size != 0 && size <= kSmallSize) {
+      data = small;  // what resize gives an empty key of this width, without the call
+      this->size = size;
+    } else if (data == nullptr || this->size != size || size == 0) {
       if (resize(size) == nullptr) return false;
     }
     length = size;
-    // Keys are short and of one width per tree: eight bytes at a time beats a call of memcpy.
-    unsigned i = 0;
-    for (; i + 8 <= size; i += 8) std::memcpy(data + i, bytes + i, 8);
-    for (; i < size; ++i) data[i] = bytes[i];
+    copyBytes(data, bytes, size);
     return true;
+  }
+  // Copies `n` bytes that do not overlap. Keys are short and of one width per tree: a few
+  // overlapping word copies beat a call of memcpy, and nothing is touched past either end.
+  static void copyBytes(unsigned char* to, const unsigned char* from, unsigned n) {
+    if (n > 32) {
+      std::memcpy(to, from, n);
+    } else if (n >= 16) {
+      unsigned char head[16], tail[16];
+      std::memcpy(head, from, 16);
+      std::memcpy(tail, from + n - 16, 16);
+      std::memcpy(to, head, 16);
+      std::memcpy(to + n - 16, tail, 16);
+    } else if (n >= 8) {
+      uint64_t head, tail;
+      std::memcpy(&head, from, 8);
+      std::memcpy(&tail, from + n - 8, 8);
+      std::memcpy(to, &head, 8);
+      std::memcpy(to + n - 8, &tail, 8);
+    } else if (n >= 4) {
+      uint32_t head, tail;
+      std::memcpy(&head, from, 4);
+      std::memcpy(&tail, from + n - 4, 4);
+      std::memcpy(to, &head, 4);
+      std::memcpy(to + n - 4, &tail, 4);
+    } else {
+      for (unsigned i = 0; i < n; ++i) to[i] = from[i];
+    }
   }
   // Makes this the empty key.
   void clear() {
@@ -64,6 +99,7 @@ class BTreePageKey {
   // buffer. Either way `data` is owned by this key and never shared.
   static constexpr unsigned kSmallSize = 32;
   unsigned char* allocate(unsigned bytes);
+  BTreePageKey& assignFrom(const BTreePageKey& other);
   void release() {
     if (data != small && data != nullptr) std::free(data);
     data = nullptr;

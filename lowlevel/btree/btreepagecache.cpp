@@ -94,6 +94,7 @@ void BTreePageCache::put(BTreeCacheFile* file, int32_t position, const unsigned 
   s.position = position;
   s.length = length;
   s.referenced = false;
+  s.note = 0;
   s.bytes = std::move(copy);
   used_ += charge(length);
   file->index[position] = slot;
@@ -106,6 +107,7 @@ void BTreePageCache::patch(BTreeCacheFile* file, int32_t position, const unsigne
   Slot& s = slots_[it->second];
   if (length <= s.length) {
     std::memcpy(s.bytes.get(), bytes, length);
+    s.note = 0;
   } else {
     file->index.erase(it);
     release(static_cast<uint32_t>(&s - slots_.data()));

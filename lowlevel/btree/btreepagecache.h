@@ -51,12 +51,16 @@ class BTreePageCache {
   void detach(BTreeCacheFile* file);
 
   // The bytes cached at `position`, and their count in `length`; null when there are none.
-  const unsigned char* find(BTreeCacheFile* file, int32_t position, uint32_t* length) {
+  // `note` receives the entry's note byte: 0 when the entry is put or patched, free for the page
+  // file to remember what it learnt from these bytes (the order of a record's keys).
+  const unsigned char* find(BTreeCacheFile* file, int32_t position, uint32_t* length,
+                            unsigned char** note) {
     auto it = file->index.find(position);
     if (it == file->index.end()) return nullptr;
     Slot& slot = slots_[it->second];
     slot.referenced = true;
     *length = slot.length;
+    *note = &slot.note;
     return slot.bytes.get();
   }
   // Puts a copy of `length` bytes at `position`, replacing what is there. Too large for the limit,
@@ -74,6 +78,7 @@ class BTreePageCache {
     int32_t position = 0;
     uint32_t length = 0;
     bool referenced = false;
+    unsigned char note = 0;
     std::unique_ptr<unsigned char[]> bytes;
   };
   static size_t charge(uint32_t length) { return length + kSlotOverhead; }

@@ -42,6 +42,24 @@ bool knownVersion(int32_t version) {
 // The most key bytes a compressed record can store for one key: the table entries are 16-bit.
 constexpr int32_t kMaxCompressedKeyBytes = 32767;
 
+// `count` little-endian 32-bit numbers from `in` to `out` and back: one copy on a little-endian
+// host, byte by byte elsewhere.
+void loadLittleEndian(int32_t* out, const unsigned char* in, uint32_t count) {
+#if (defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__) || defined(_WIN32)
+  std::memcpy(out, in, 4 * static_cast<size_t>(count));
+#else
+  for (uint32_t i = 0; i < count; ++i) out[i] = get32(in + 4 * static_cast<size_t>(i));
+#endif
+}
+
+void storeLittleEndian(unsigned char* out, const int32_t* in, uint32_t count) {
+#if (defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__) || defined(_WIN32)
+  std::memcpy(out, in, 4 * static_cast<size_t>(count));
+#else
+  for (uint32_t i = 0; i < count; ++i) put32(out + 4 * static_cast<size_t>(i), in[i]);
+#endif
+}
+
 // Replaces the whole content of `page` by that of `scratch`; the old arrays go with `scratch`.
 void adoptPage(BTreePage& page, BTreePage& scratch) { page.swap(scratch); }
 
@@ -336,22 +354,28 @@ bool BTreePageFile::readRecord(int32_t offset, BTreeRecord& record) {
   if (offset < 0 || position > INT32_MAX) return false;
   // In a batch the journal's overlay is the truth: the shared cache is passed by.
   if (batching()) {
-    return hdr.compressed != 0 ? readCompressedRecord(offset, record, nullptr, 0)
-                               : readUncompressedRecord(offset, record, nullptr);
+    const bool read = hdr.compressed != 0 ? readCompressedRecord(offset, record, nullptr, 0)
+                                          : readUncompressedRecord(offset, record, nullptr);
+    if (read) record.keyOrder = nullptr;
+    return read;
   }
   BTreeCacheFile* cached = cacheForRead(static_cast<int32_t>(position));
   if (cached != nullptr) {
     uint32_t length = 0;
+    unsigned char* note = nullptr;
     const unsigned char* bytes =
-        BTreePageCache::instance().find(cached, static_cast<int32_t>(position), &length);
+        BTreePageCache::instance().find(cached, static_cast<int32_t>(position), &length, &note);
     if (bytes != nullptr) {
-      return hdr.compressed != 0 ? readCompressedRecord(offset, record, bytes, length)
-                                 : readUncompressedRecord(offset, record, bytes);
+      const bool read = hdr.compressed != 0 ? readCompressedRecord(offset, record, bytes, length)
+                                            : readUncompressedRecord(offset, record, bytes);
+      if (read) record.keyOrder = note;
+      return read;
     }
   }
   if (file.Seek(static_cast<int32_t>(position), 0) != position) return false;
   const bool read = hdr.compressed != 0 ? readCompressedRecord(offset, record, nullptr, 0)
                                         : readUncompressedRecord(offset, record, nullptr);
+  if (read) record.keyOrder = nullptr;
   if (read && cached != nullptr) {
     BTreePageCache::instance().put(cached, static_cast<int32_t>(position), ioBuffer, recordBytes);
   }
@@ -365,20 +389,24 @@ bool BTreePageFile::decodeRecord(const BTreeRecord& record, BTreePage& page) {
   scratch->parentOffset = record.parentOffset;
   scratch->keyCount = record.keyCount;
   const uint32_t k = scratch->keyLength;
-  for (uint32_t i = 0; i < scratch->maxKeys; ++i) {
-    BTreePageKey& key = scratch->keys[i];
-    // Slots from keyCount on stay empty: what the file holds there is never looked at.
-    if (i >= record.keyCount) {
-      key.clear();
-    } else if (!key.assign(record.keys + static_cast<size_t>(i) * k, k)) {
+  const uint32_t used = record.keyCount < scratch->maxKeys ? record.keyCount : scratch->maxKeys;
+  for (uint32_t i = 0; i < used; ++i) {
+    if (!scratch->keys[i].assign(record.keys + static_cast<size_t>(i) * k, k)) {
       reporterLL("Out of Memory", "BTreePageKey::BTreePageKey", eReportError, kModule, __LINE__);
       return false;
-    } else if (hdr.compressed != 0) {
-      key.length = static_cast<uint32_t>(keyLengthTable[i]);  // what the record stores
     }
   }
-  for (uint32_t i = 0; i < scratch->maxKeys; ++i) scratch->values[i] = record.value(i);
-  for (uint32_t i = 0; i < scratch->order; ++i) scratch->children[i] = record.child(i);
+  if (hdr.compressed != 0) {
+    for (uint32_t i = 0; i < used; ++i) {
+      scratch->keys[i].length = static_cast<uint32_t>(keyLengthTable[i]);  // what the record stores
+    }
+  }
+  // Slots from keyCount on stay empty: what the file holds there is never looked at.
+  for (uint32_t i = used; i < scratch->maxKeys; ++i) {
+    if (scratch->keys[i].data != nullptr) scratch->keys[i].clear();
+  }
+  loadLittleEndian(scratch->values, record.values, scratch->maxKeys);
+  loadLittleEndian(scratch->children, record.children, scratch->order);
   adoptPage(page, *scratch);
   return true;
 }
@@ -550,20 +578,21 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
   put32(record + 24, static_cast<int32_t>(page.keyLength));
   unsigned char* p = record + kBTreePageHeadSize;
   const uint32_t width = static_cast<uint32_t>(hdr.keyLength);
+  // An empty slot is written as zeros; a key of a stray width is cut or padded to the slot. The
+  // slots are zeroed in one go, then the keys laid over them.
+  std::memset(p, 0, static_cast<size_t>(page.maxKeys) * width);
   for (uint32_t i = 0; i < page.maxKeys; ++i, p += width) {
     const BTreePageKey& key = page.keys[i];
-    // An empty slot is written as zeros; a key of a stray width is cut or padded to the slot.
-    const uint32_t n = key.data == nullptr ? 0 : (key.size < width ? key.size : width);
-    if (n > 0) std::memcpy(p, key.data, n);
-    if (n < width) std::memset(p + n, 0, width - n);
+    if (key.data != nullptr) BTreePageKey::copyBytes(p, key.data, key.size < width ? key.size : width);
   }
-  for (uint32_t i = 0; i < page.maxKeys; ++i, p += 4) put32(p, page.values[i]);
-  for (uint32_t i = 0; i < page.order; ++i, p += 4) put32(p, page.children[i]);
+  storeLittleEndian(p, page.values, page.maxKeys);
+  p += 4 * static_cast<size_t>(page.maxKeys);
+  storeLittleEndian(p, page.children, page.order);
   if (writeThrough(page.offset, record, static_cast<int>(recordSize)) != recordSize) return false;
   if (isRoot) hdr.rootOffset = page.offset;
   // The page is on disk; the header follows it but may lag (its failure is not the page's: the
   // next header write, at the latest the one when the file is closed, brings it up to date).
-  writeHeader();
+  if (headerAfterPageWrite) writeHeader();
   return true;
 }
 

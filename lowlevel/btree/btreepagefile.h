@@ -61,6 +61,9 @@ struct BTreeRecord {
   const unsigned char* keys = nullptr;
   const unsigned char* values = nullptr;
   const unsigned char* children = nullptr;
+  // For a record the page cache answered: its note about the order of the keys (kKeyOrder...),
+  // which a search may read and set; null for a record read from the file.
+  unsigned char* keyOrder = nullptr;
 
   int32_t value(uint32_t i) const { return load32(values + 4 * static_cast<size_t>(i)); }
   int32_t child(uint32_t i) const { return load32(children + 4 * static_cast<size_t>(i)); }
@@ -70,6 +73,12 @@ struct BTreeRecord {
                                 (static_cast<uint32_t>(in[3]) << 24));
   }
 };
+
+// What a record's keyOrder note says: not yet looked at, every key sorts at or after the one
+// before it, or not.
+constexpr unsigned char kKeyOrderUnknown = 0;
+constexpr unsigned char kKeyOrderAscending = 1;
+constexpr unsigned char kKeyOrderUnordered = 2;
 
 class BTreePageFile;
 
@@ -127,6 +136,10 @@ class BTreePageFile {
   // A record that would reach offset 2^31 - 1 is refused with a report (filelimit.h) before
   // anything is written or taken from the chain.
   bool writePage(BTreePage& page, bool isRoot);
+  // While false, writePage leaves the header to the caller, who writes it with writeHeader when
+  // done (the bulk builder: its header stays unusable until the last page is down, and one
+  // header write per page would cost as much as the pages).
+  bool headerAfterPageWrite = true;
   // True when `pages` new records fit below the 2 GiB limit: the first from the free chain (at
   // most `pages` links are read, and only when appending them all would not fit), the rest
   // appended. Otherwise reports as writePage does, when `report`, and answers false. Also false

@@ -11,10 +11,12 @@ std::string resolve(std::string path, bool retry = false) {
   return (ok ? "true|" : "false|") + path;
 }
 
-TEST(LogicalPaths, PrefixesResolveInAnyCaseOthersPassUnchanged) {
+// ResolvePath, VerifyCd and BuildPath against one host; the default support object first.
+TEST(LogicalPaths, PrefixesLocationsAndVolumes) {
   // The default support object has no directory for any prefix, and no volumes.
   for (std::string p : {"cd:f", "ed:f", "id:", "ud:x"}) EXPECT_EQ("false|" + p, resolve(p));
   EXPECT_EQ("true|c1:f", resolve("c1:f"));
+  EXPECT_FALSE(ZFile::VerifyCd(0, false, false));
   lltest::RecordingSupport host;
   host.exeDir = "X:\\exe\\";
   host.installDir = "X:\\inst";
@@ -36,7 +38,13 @@ TEST(LogicalPaths, PrefixesResolveInAnyCaseOthersPassUnchanged) {
   EXPECT_EQ("1 0 1,1 0 1,2 0 1,3 0 1,11 0 1,13 0 1", lltest::cdPathCallsText(host));
   host.cdPathCalls.clear();
   EXPECT_EQ("false|c3:f", resolve("c3:f", true));  // volume 3 (number 4) has no directory
-  EXPECT_EQ("4 1 1", lltest::cdPathCallsText(host));
+  // VerifyCd asks only for volumes that exist: 13 is above the count.
+  std::string results;
+  for (int number : {0, 1, 2, 3, 12, 13, -1, INT32_MIN, INT32_MAX}) {
+    results += std::to_string(ZFile::VerifyCd(number, number == 1, number == 0));
+  }
+  EXPECT_EQ("111010000", results);
+  EXPECT_EQ("4 1 1,1 0 1,2 1 0,3 0 0,4 0 0,13 0 0", lltest::cdPathCallsText(host));
   host.cdCount = -4;  // a silly count recognises no numbered prefix
   EXPECT_EQ("true|c1:f", resolve("c1:f"));
   // One doubled backslash is repaired: the first pair found, the directory's own too.
@@ -44,10 +52,7 @@ TEST(LogicalPaths, PrefixesResolveInAnyCaseOthersPassUnchanged) {
   EXPECT_EQ("true|\\server\\share\\\\f", resolve("ed:\\f"));
   host.exeDir = "A\\";
   EXPECT_EQ("true|A\\b\\\\c true|A\\b\\c", resolve("ed:\\b\\\\c") + " " + resolve("ed:b\\\\c"));
-}
-
-TEST(LogicalPaths, BuildPathPutsTheLocationInFront) {
-  lltest::RecordingSupport host;
+  // BuildPath puts the location's directory in front.
   host.locationNames = {"DATA", "EMPTY"};
   host.locationDirs = {"cd:\\data\\", ""};
   std::string path = "f.bin", colon = "c:\\f.bin";
@@ -62,19 +67,6 @@ TEST(LogicalPaths, BuildPathPutsTheLocationInFront) {
   EXPECT_EQ(lltest::reportsText(host.reports),
             "No location given for files.\nEntry: EMPTY\n|ZFile::BuildPath|2|file\n"
             "No location given for files.\nEntry: NOWHERE\n|ZFile::BuildPath|2|file\n");
-}
-
-TEST(LogicalPaths, VerifyCdAsksOnlyForVolumesThatExist) {
-  EXPECT_FALSE(ZFile::VerifyCd(0, false, false));  // default support object
-  lltest::RecordingSupport host;
-  host.cdCount = 2;
-  host.cdPaths = {{1, "D:\\"}, {3, "F:\\"}};
-  std::string results;
-  for (int number : {0, 1, 2, 3, -1, INT32_MIN, INT32_MAX}) {
-    results += std::to_string(ZFile::VerifyCd(number, number == 1, number == 0));
-  }
-  EXPECT_EQ("1010000", results);
-  EXPECT_EQ("1 0 1,2 1 0,3 0 0", lltest::cdPathCallsText(host));
 }
 
 }  // namespace

@@ -33,19 +33,27 @@ int sync(int handle) {
 // Directory entries are written through on NTFS; there is nothing to sync.
 int syncDirectoryOf(const char*) { return injected(IoCall::Sync, -1) ? -1 : 0; }
 
+// The lock covers one byte at 2^31, beyond the 2 GiB limit, where no data is ever written: a lock
+// on the whole file would also refuse this process's own writes through its other handles.
+static OVERLAPPED lockByte() {
+  OVERLAPPED at = {};
+  at.Offset = 0x80000000u;
+  return at;
+}
+
 int lock(int handle, bool wait) {
   if (handle < 0 || injected(IoCall::Lock, handle)) return -1;
   HANDLE h = osHandle(handle);
-  OVERLAPPED at = {};
   const DWORD flags = LOCKFILE_EXCLUSIVE_LOCK | (wait ? 0 : LOCKFILE_FAIL_IMMEDIATELY);
-  return h != INVALID_HANDLE_VALUE && LockFileEx(h, flags, 0, MAXDWORD, MAXDWORD, &at) ? 0 : -1;
+  OVERLAPPED at = lockByte();
+  return h != INVALID_HANDLE_VALUE && LockFileEx(h, flags, 0, 1, 0, &at) ? 0 : -1;
 }
 
 int unlock(int handle) {
   if (handle < 0) return -1;
   HANDLE h = osHandle(handle);
-  OVERLAPPED at = {};
-  return h != INVALID_HANDLE_VALUE && UnlockFileEx(h, 0, MAXDWORD, MAXDWORD, &at) ? 0 : -1;
+  OVERLAPPED at = lockByte();
+  return h != INVALID_HANDLE_VALUE && UnlockFileEx(h, 0, 1, 0, &at) ? 0 : -1;
 }
 
 int truncate(int handle, int32_t length) {

@@ -145,7 +145,10 @@ TEST(PlatformIo, FaultHookFailsAndTearsCalls) {
     all.failFrom = all.count + 1;
     EXPECT_EQ(-1, io::open(path.c_str(), io::kOpenReadOnly, 0));
   }
+  io::resetIoCounters();  // every counter starts at 0; the close counts one
   EXPECT_EQ(0, io::close(h));
+  const io::IoCounters counted = io::ioCounters();
+  EXPECT_EQ("1 1", std::to_string(counted.total()) + " " + std::to_string(counted.closes));
 }
 
 // The layer keeps a file's position itself; duplicates share it, and the system's position catches

@@ -18,7 +18,10 @@
 // - Word sort (the default, without SORT_STRINGSORT): hyphens and apostrophes are taken out of
 //   the text before collation and only break ties, after everything else:
 //   "coop" < "co-op" < "coopa". With SORT_STRINGSORT they are ordinary punctuation.
-// - Text mappings: the case mapping is the locale's (Turkish dotted and dotless i).
+// - Text mappings: simple case mapping, the same in every locale (ß stays ß under uppercase;
+//   Turkish I and i map as anywhere else, İ and ı stay). NORM_IGNORENONSPACE also drops spacing accents standing
+//   alone, and NORM_IGNORESYMBOLS also white-space controls, the soft hyphen, superscripts,
+//   fractions and the ordinal indicators (what Windows drops there).
 //   NORM_IGNORECASE without a case flag means lowercase. A character whose mapped form has no
 //   byte in the code page keeps its original form (the micro sign under uppercase in 1252).
 //   NORM_IGNORENONSPACE decomposes the text and drops non-spacing marks; NORM_IGNORESYMBOLS drops
@@ -32,8 +35,6 @@
 //   result is remembered, so the usual pair of calls (size, then fill) maps the text once.
 #include "lowlevel/platform/lcmap.h"
 
-#include <unicode/casemap.h>
-#include <unicode/edits.h>
 #include <unicode/uchar.h>
 #include <unicode/ucnv.h>
 #include <unicode/ucol.h>
@@ -131,7 +132,6 @@ class MapCache {
   std::vector<UChar> text;
   std::vector<UChar> work;
   std::vector<uint8_t> key;
-  icu::Edits edits;
 
   // The last successful mapping.
   bool lastValid = false;
@@ -332,6 +332,27 @@ void foldWidthAndKana(uint32_t flags, std::vector<UChar>& text, std::vector<UCha
   }
 }
 
+// Whether ignore-nonspace drops c: a non-spacing mark, or a spacing accent or mark standing alone
+// (^ ` ¨ ¯ ´ · ¸ and the modifier letters among the diacritics), as Windows does.
+bool nonSpaceCharacter(UChar32 c) {
+  const uint32_t gc = U_GET_GC_MASK(c);
+  return (gc & U_GC_MN_MASK) != 0 ||
+         ((gc & (U_GC_SK_MASK | U_GC_LM_MASK | U_GC_PO_MASK)) != 0 &&
+          u_hasBinaryProperty(c, UCHAR_DIACRITIC));
+}
+
+// Whether ignore-symbols drops c: blanks, punctuation and symbols, as Windows does also the
+// controls that are white space, format characters (the soft hyphen), other numbers (² ¼),
+// diacritic modifier letters, and what has only a compatibility form of a letter (ª º µ).
+bool symbolCharacter(UChar32 c) {
+  const uint32_t gc = U_GET_GC_MASK(c);
+  if ((gc & (U_GC_P_MASK | U_GC_S_MASK | U_GC_Z_MASK | U_GC_CF_MASK | U_GC_NO_MASK)) != 0) return true;
+  if ((gc & U_GC_CC_MASK) != 0) return u_isUWhiteSpace(c) != 0;
+  if ((gc & U_GC_LM_MASK) != 0 && u_hasBinaryProperty(c, UCHAR_DIACRITIC)) return true;
+  const int32_t type = u_getIntPropertyValue(c, UCHAR_DECOMPOSITION_TYPE);
+  return type != U_DT_NONE && type != U_DT_CANONICAL && (gc & U_GC_L_MASK) != 0;
+}
+
 // Drops non-spacing marks (after decomposition) and/or blanks, punctuation and symbols.
 void dropCharacters(uint32_t flags, std::vector<UChar>& text, std::vector<UChar>& work) {
   bool nonSpace = (flags & kNormIgnoreNonSpace) != 0;
@@ -341,15 +362,13 @@ void dropCharacters(uint32_t flags, std::vector<UChar>& text, std::vector<UChar>
     normalize(normalizer(unorm2_getNFDInstance), text.data(), toInt32(text.size()), work);
     text.swap(work);
   }
-  uint32_t dropMask =
-      (nonSpace ? U_GC_MN_MASK : 0) | (symbols ? (U_GC_P_MASK | U_GC_S_MASK | U_GC_Z_MASK) : 0);
   work.clear();
   int32_t length = toInt32(text.size());
   for (int32_t i = 0; i < length;) {
     int32_t start = i;
     UChar32 c;
     U16_NEXT(text.data(), i, length, c);
-    if ((U_GET_GC_MASK(c) & dropMask) == 0)
+    if (!(nonSpace && nonSpaceCharacter(c)) && !(symbols && symbolCharacter(c)))
       work.insert(work.end(), text.data() + start, text.data() + i);
   }
   if (nonSpace) {
@@ -368,51 +387,40 @@ bool encodable(const USet* set, const UChar* text, int32_t length) {
   return true;
 }
 
-// The locale's case mapping; a changed piece without a form in the code page stays as it was.
-void mapCase(MapCache& state, uint32_t flags, const LocaleEntry& locale, const USet* codePageSet) {
+// Simple case mapping, one character to one, the same in every locale (as Windows maps case
+// unless asked for linguistic casing): ß stays ß under uppercase, Turkish I and i map as anywhere
+// else, and no other letter becomes an ASCII one. A mapped character without a byte in the code
+// page stays as it was.
+void mapCase(MapCache& state, uint32_t flags, const USet* codePageSet) {
   std::vector<UChar>& text = state.text;
   std::vector<UChar>& mapped = state.work;
-  bool upper = (flags & kLcmapUppercase) != 0;
-  mapped.resize(text.size() + 16);
-  for (int attempt = 0; attempt < 2; ++attempt) {
-    UErrorCode status = U_ZERO_ERROR;
-    state.edits.reset();
-    int32_t produced =
-        upper ? icu::CaseMap::toUpper(locale.icu.c_str(), 0, text.data(), toInt32(text.size()),
-                                      mapped.data(), toInt32(mapped.size()), &state.edits, status)
-              : icu::CaseMap::toLower(locale.icu.c_str(), 0, text.data(), toInt32(text.size()),
-                                      mapped.data(), toInt32(mapped.size()), &state.edits, status);
-    if (status == U_BUFFER_OVERFLOW_ERROR && attempt == 0) {
-      mapped.resize(static_cast<size_t>(produced));
-      continue;
-    }
-    if (U_FAILURE(status)) throw MapFailure{kErrorNotEnoughMemory};
-    mapped.resize(static_cast<size_t>(produced));
-    break;
-  }
-  std::vector<UChar> result;
-  result.reserve(mapped.size());
-  UErrorCode status = U_ZERO_ERROR;
-  icu::Edits::Iterator piece = state.edits.getFineIterator();
-  while (piece.next(status)) {
-    const UChar* from = text.data() + piece.sourceIndex();
-    const UChar* to = mapped.data() + piece.destinationIndex();
-    if (piece.hasChange() && !encodable(codePageSet, to, piece.newLength())) {
-      result.insert(result.end(), from, from + piece.oldLength());
+  const bool upper = (flags & kLcmapUppercase) != 0;
+  mapped.clear();
+  const int32_t length = toInt32(text.size());
+  for (int32_t i = 0; i < length;) {
+    const int32_t start = i;
+    UChar32 c;
+    U16_NEXT(text.data(), i, length, c);
+    UChar32 to = upper ? u_toupper(c) : u_tolower(c);
+    if (c > 0x7F && to <= 0x7F) to = c;  // İ, ı, ſ and the Kelvin sign keep their form
+    UChar unit[U16_MAX_LENGTH];
+    int32_t units = 0;
+    bool failed = false;
+    U16_APPEND(unit, units, U16_MAX_LENGTH, to, failed);
+    if (to != c && !failed && encodable(codePageSet, unit, units)) {
+      mapped.insert(mapped.end(), unit, unit + units);
     } else {
-      result.insert(result.end(), to, to + piece.newLength());
+      mapped.insert(mapped.end(), text.data() + start, text.data() + i);
     }
   }
-  if (U_FAILURE(status)) throw MapFailure{kErrorNotEnoughMemory};
-  text.swap(result);
+  text.swap(mapped);
 }
 
-void mapText(MapCache& state, uint32_t flags, const LocaleEntry& locale, CodePageEntry& codePage,
-             std::string& out) {
+void mapText(MapCache& state, uint32_t flags, CodePageEntry& codePage, std::string& out) {
   foldWidthAndKana(flags, state.text, state.work);
   dropCharacters(flags, state.text, state.work);
   if ((flags & (kLcmapLowercase | kLcmapUppercase | kNormIgnoreCase)) != 0) {
-    mapCase(state, flags, locale, state.roundTrip(codePage));
+    mapCase(state, flags, state.roundTrip(codePage));
   }
   encode(codePage.converter, state.text, out);
 }
@@ -490,7 +498,7 @@ void map(MapCache& state, uint32_t lcid, uint32_t flags, const char* source, siz
     if ((flags & kLcmapSortKey) != 0) {
       sortKey(state, flags, state.collator(lcid, flags, locale), out);
     } else {
-      mapText(state, flags, locale, codePage, out);
+      mapText(state, flags, codePage, out);
     }
   }
   if (terminated && (flags & kLcmapSortKey) == 0) out.push_back('\0');

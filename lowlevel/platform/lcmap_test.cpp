@@ -73,19 +73,19 @@ TEST(LcMapSortKey, DefaultIdentifiersAreTheRootLocale) {
 TEST(LcMapText, MappingsFollowLocaleAndCodePage) {
   const struct { uint32_t lcid, flags; std::string in, out; } cases[] = {
       {kEnglish, kLcmapLowercase, "\xC4\xD6\xDC xY", "\xE4\xF6\xFC xy"},
-      // Sharp s grows to SS, y diaeresis becomes 0x9F, micro has no capital in 1252 and stays.
-      {kEnglish, kLcmapUppercase, "\xE4\xF6\xFC\xB5\xDF\xFF", "\xC4\xD6\xDC\xB5SS\x9F"},
+      // Simple case mapping: sharp s stays, y diaeresis becomes 0x9F, micro has no capital in 1252.
+      {kEnglish, kLcmapUppercase, "\xE4\xF6\xFC\xB5\xDF\xFF", "\xC4\xD6\xDC\xB5\xDF\x9F"},
       {kEnglish, kNormIgnoreCase, "AbC", "abc"},
-      // Turkish in 1254: dotted capital I is 0xDD, dotless small i is 0xFD.
-      {kTurkish, kLcmapUppercase, "i", "\xDD"}, {kTurkish, kLcmapLowercase, "I", "\xFD"},
+      // Turkish in 1254 as any locale: dotted capital I (0xDD) and dotless small i (0xFD) stay.
+      {kTurkish, kLcmapUppercase, "i\xFD", "I\xFD"}, {kTurkish, kLcmapLowercase, "I\xDD", "i\xDD"},
       {kEnglish, kLcmapUppercase, "i", "I"}, {kEnglish, kLcmapLowercase, "I", "i"},
-      // Cyrillic in 1251, Greek final sigma in 1253.
+      // Cyrillic in 1251, Greek in 1253 (no final sigma: one letter to one).
       {kRussian, kLcmapUppercase, "\xE0\xE1\xE2\xB8", "\xC0\xC1\xC2\xA8"},
       {kRussian, kLcmapLowercase, "\xC0\xC1\xC2\xA8", "\xE0\xE1\xE2\xB8"},
-      {kGreek, kLcmapLowercase, "\xD3\xC4\xD3\xD3 \xD3", "\xF3\xE4\xF3\xF2 \xF3"},
+      {kGreek, kLcmapLowercase, "\xD3\xC4\xD3\xD3 \xD3", "\xF3\xE4\xF3\xF3 \xF3"},
       // Removals and foldings.
-      {kEnglish, kNormIgnoreNonSpace, "R\xE9sum\xE9", "Resume"},
-      {kEnglish, kNormIgnoreSymbols, "a b-c!d$e\xA7" "f", "abcdef"},
+      {kEnglish, kNormIgnoreNonSpace, "R\xE9sum\xE9 ^`\xB4\xB7", "Resume "},
+      {kEnglish, kNormIgnoreSymbols, "a b-c!d$e\xA7" "f\t\xAD\xB2\xBD\xAA\x88", "abcdef"},
       {kEnglish, kNormIgnoreSymbols | kLcmapUppercase, "\xE9-t\xE9", "\xC9T\xC9"},
       // Flags 0 copy every byte, also those the code page leaves unassigned.
       {kEnglish, 0, std::string("a\x81\0b", 4), std::string("a\x81\0b", 4)},

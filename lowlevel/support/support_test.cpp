@@ -40,8 +40,9 @@ TEST(ConvertStringToLong, HexadecimalAndDecimal) {
   const struct { const char* text; int32_t value; } cases[] = {
       {"0x", 0}, {"0xff", 255}, {"0xFF", 255}, {"0XFF", 0}, {"0x100000000", 0},
       {"0xFFFFFFFF", -1}, {"0x7fffffff", INT32_MAX}, {"0x123456789", 0x23456789},
-      // No hex digit is refused: G counts as 16, and a character below '0' sets the high bits.
-      {"0xG", 16}, {"0x/", -1}, {"0x1 ", static_cast<int32_t>(0xFFFFFFF0u)},
+      // No hex digit is refused: G counts as 16 (z as 35, or'ed in; lower case as upper), and a
+      // character below '0' sets the high bits.
+      {"0xG", 16}, {"0x/", -1}, {"0x1 ", static_cast<int32_t>(0xFFFFFFF0u)}, {"0xaz", 0xA0 | 35},
       {"12abc", 12}, {"-5", -5}, {"+17", 17}, {"", 0}, {"  \t42", 42}, {"abc", 0}, {"- 5", 0},
       {"2147483647", INT32_MAX}, {"2147483648", INT32_MAX}, {"99999999999999999999", INT32_MAX},
       {"-2147483648", INT32_MIN}, {"-2147483649", INT32_MIN}, {"007", 7}, {nullptr, 0}};

@@ -1,6 +1,5 @@
 #include "tests/testsupport/testing.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -103,11 +102,6 @@ unsigned FaultInjector::limitBytes(lowlevel::platform::IoCall call, int /*handle
     return static_cast<unsigned>(writeLimit);
   }
   return n;
-}
-
-std::string sourceDir() {
-  const char* dir = std::getenv("LOWLEVEL_SOURCE_DIR");
-  return dir != nullptr ? dir : ".";
 }
 
 std::string randomBytes(size_t n, unsigned seed) {

@@ -130,9 +130,6 @@ struct FailCalls : FaultInjector {
   }
 };
 
-// The repository's source directory (for data files that the tests read).
-std::string sourceDir();
-
 // `n` bytes drawn from a generator seeded with `seed`; they do not compress.
 std::string randomBytes(size_t n, unsigned seed);
 
