@@ -269,14 +269,11 @@ TEST_F(CursorTest, FailedReadDropsTheCursor) {
   EXPECT_EQ(steps(*tree, "F"), "101");
 }
 
-std::string* gSeen = nullptr;
-void record(int32_t value, const char* key, int length) {
-  *gSeen += std::to_string(value) + ":" + btreetest::hex(std::string(key, static_cast<size_t>(length))) + "| ";
-}
-
 TEST_F(CursorTest, InOrderHandsOverEverySlotAndLeavesTheCursor) {
-  std::string seen;
-  gSeen = &seen;
+  static std::string seen;
+  auto record = [](int32_t value, const char* key, int length) {
+    seen += std::to_string(value) + ":" + hex(std::string(key, static_cast<size_t>(length))) + "| ";
+  };
   EXPECT_TRUE(create(3, 8)->inOrder(record) && seen.empty());
   auto tree = create(3, 2, true);  // slot width 6
   for (int32_t v : {3, 1, 2, -1}) ASSERT_TRUE(tree->insertKey(v, "k", 0));
@@ -284,7 +281,6 @@ TEST_F(CursorTest, InOrderHandsOverEverySlotAndLeavesTheCursor) {
   EXPECT_TRUE(tree->inOrder(record));
   EXPECT_EQ(seen, "1:6B 00 00 00 00 01 | 2:6B 00 00 00 00 02 | 3:6B 00 00 00 00 03 | -1:6B 00 FF FF FF FF | ");
   EXPECT_EQ(steps(*tree, "N"), "3");  // the cursor stayed on 2
-  gSeen = nullptr;
 }
 
 TEST_F(CursorTest, TestCountsKeysPagesAndBackwardLinks) {
@@ -296,8 +292,7 @@ TEST_F(CursorTest, TestCountsKeysPagesAndBackwardLinks) {
   };
   EXPECT_EQ(counts(*create(3, 4), false), "1 0 1 0");
   EXPECT_EQ(counts(*longs({1, 2, 3, 4, 5, 6, 7}), false), "1 7 7 6");  // pages written before parents
-  auto even = create(4, 4);  // the right page of the split holds 1 key, below minKeys 2
-  for (int32_t k = 1; k <= 4; ++k) ASSERT_TRUE(even->insertKey(k, k));
+  auto even = longs({1, 2, 3, 4}, 4);  // the right page of the split holds 1 key, below minKeys 2
   EXPECT_EQ(counts(*even, false), "0 4 3 2");
   EXPECT_EQ(counts(*even, true), "1 4 3 2");
 }
@@ -365,12 +360,7 @@ TEST_F(CorruptTest, ParentLinksInACircleCannotMakeAClimbLoop) {
 // entries than that, and the traversals and changes with an answer.
 TEST_F(CorruptTest, TwoChildLinksToOneLeafCannotMakeAWalkLoop) {
   patch(kRoot + kChild0 + 4, int32_t{kLeftLeaf});
-  auto moves = [](BTree& tree) {
-    int32_t value = 0;
-    size_t n = 0;
-    for (bool more = tree.first(value); more && n < 100000; more = tree.next(value)) ++n;
-    return std::to_string(n);
-  };
+  auto moves = [](BTree& tree) { return std::to_string(walk(tree, false).size()); };
   // With room for 100 more records (105 by the length), the walk reads as many pages as that.
   lltest::writeFile(path + "+", lltest::readFile(path) + std::string(100 * 56, '\0'));
   BTree padded(path + "+", true, 0);
