@@ -70,8 +70,6 @@ class BTreeModel : public ::testing::TestWithParam<Config> {
     return c.dups ? s + be4(static_cast<uint32_t>(value)) : s;
   }
   std::string visible(const std::string& s) const { return s.substr(0, static_cast<size_t>(width)); }
-  // A key of the model as a caller gives it: the whole visible slot.
-  Key asKey(const std::string& s) const { return {visible(s), width}; }
   std::string current() {
     char buffer[64];
     int length = sizeof buffer;
@@ -85,7 +83,7 @@ class BTreeModel : public ::testing::TestWithParam<Config> {
     int32_t v = randomValue();
     if (roll >= insertShare && !model.empty() && roll % 3 != 0) {  // an entry that is there
       auto it = std::next(model.begin(), pick(static_cast<int>(model.size())));
-      k = asKey(it->first);
+      k = {visible(it->first), width};  // as a caller gives it: the whole visible slot
       v = it->second;
     }
     const std::string s = slot(k, v);

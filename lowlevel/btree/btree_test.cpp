@@ -203,14 +203,14 @@ class CursorTest : public ::testing::Test {
     EXPECT_TRUE(tree->isOk());
     return tree;
   }
-  // Order 3 with long keys `keys` inserted in turn, value key + 100.
-  std::unique_ptr<BTree> longs(const std::vector<int32_t>& keys) {
-    auto tree = create(3, 4);
+  // Long keys `keys` inserted in turn, value key + 100.
+  std::unique_ptr<BTree> longs(const std::vector<int32_t>& keys, int order = 3) {
+    auto tree = create(order, 4);
     for (int32_t k : keys) EXPECT_TRUE(tree->insertKey(100 + k, k));
     return tree;
   }
   lltest::TempDir dir;
-  std::string path;
+  std::string path = dir.file("t.btr");
   int made = 0;
 };
 
@@ -269,14 +269,11 @@ TEST_F(CursorTest, FailedReadDropsTheCursor) {
   EXPECT_EQ(steps(*tree, "F"), "101");
 }
 
-std::string* gSeen = nullptr;
-void record(int32_t value, const char* key, int length) {
-  *gSeen += std::to_string(value) + ":" + btreetest::hex(std::string(key, static_cast<size_t>(length))) + "| ";
-}
-
 TEST_F(CursorTest, InOrderHandsOverEverySlotAndLeavesTheCursor) {
-  std::string seen;
-  gSeen = &seen;
+  static std::string seen;
+  auto record = [](int32_t value, const char* key, int length) {
+    seen += std::to_string(value) + ":" + hex(std::string(key, static_cast<size_t>(length))) + "| ";
+  };
   EXPECT_TRUE(create(3, 8)->inOrder(record) && seen.empty());
   auto tree = create(3, 2, true);  // slot width 6
   for (int32_t v : {3, 1, 2, -1}) ASSERT_TRUE(tree->insertKey(v, "k", 0));
@@ -284,7 +281,6 @@ TEST_F(CursorTest, InOrderHandsOverEverySlotAndLeavesTheCursor) {
   EXPECT_TRUE(tree->inOrder(record));
   EXPECT_EQ(seen, "1:6B 00 00 00 00 01 | 2:6B 00 00 00 00 02 | 3:6B 00 00 00 00 03 | -1:6B 00 FF FF FF FF | ");
   EXPECT_EQ(steps(*tree, "N"), "3");  // the cursor stayed on 2
-  gSeen = nullptr;
 }
 
 TEST_F(CursorTest, TestCountsKeysPagesAndBackwardLinks) {
@@ -296,8 +292,7 @@ TEST_F(CursorTest, TestCountsKeysPagesAndBackwardLinks) {
   };
   EXPECT_EQ(counts(*create(3, 4), false), "1 0 1 0");
   EXPECT_EQ(counts(*longs({1, 2, 3, 4, 5, 6, 7}), false), "1 7 7 6");  // pages written before parents
-  auto even = create(4, 4);  // the right page of the split holds 1 key, below minKeys 2
-  for (int32_t k = 1; k <= 4; ++k) ASSERT_TRUE(even->insertKey(k, k));
+  auto even = longs({1, 2, 3, 4}, 4);  // the right page of the split holds 1 key, below minKeys 2
   EXPECT_EQ(counts(*even, false), "0 4 3 2");
   EXPECT_EQ(counts(*even, true), "1 4 3 2");
 }
@@ -365,12 +360,7 @@ TEST_F(CorruptTest, ParentLinksInACircleCannotMakeAClimbLoop) {
 // entries than that, and the traversals and changes with an answer.
 TEST_F(CorruptTest, TwoChildLinksToOneLeafCannotMakeAWalkLoop) {
   patch(kRoot + kChild0 + 4, int32_t{kLeftLeaf});
-  auto moves = [](BTree& tree) {
-    int32_t value = 0;
-    size_t n = 0;
-    for (bool more = tree.first(value); more && n < 100000; more = tree.next(value)) ++n;
-    return std::to_string(n);
-  };
+  auto moves = [](BTree& tree) { return std::to_string(walk(tree, false).size()); };
   // With room for 100 more records (105 by the length), the walk reads as many pages as that.
   lltest::writeFile(path + "+", lltest::readFile(path) + std::string(100 * 56, '\0'));
   BTree padded(path + "+", true, 0);
@@ -397,16 +387,8 @@ std::vector<Rec> threeLeaves(std::vector<int> a, std::vector<int> b, std::vector
   return {rec(-1, {5, 10}, {1, 2, 3}), rec(0, a), rec(0, b), rec(0, c)};
 }
 
-class ChangeTest : public ::testing::Test {
+class ChangeTest : public CursorTest {
  protected:
-  std::string path() const { return dir.file("t.btr"); }
-  // A new tree of long keys `keys` inserted in turn as k, 100 + k.
-  std::unique_ptr<BTree> create(int order, const std::vector<int32_t>& keys) {
-    auto tree = std::make_unique<BTree>(path(), order, 4, false, 0u, 0u, int16_t{0});
-    for (int32_t k : keys) EXPECT_TRUE(tree->insertKey(100 + k, k)) << k;
-    return tree;
-  }
-  lltest::TempDir dir;
   lltest::RecordingSupport support;
   Shape shape{3, 4};
 };
@@ -416,25 +398,25 @@ class ChangeTest : public ::testing::Test {
 // right page of a split empty. The count on disk lags until the header is written.
 TEST_F(ChangeTest, InsertionsSplitPagesIntoTheseRecords) {
   {
-    auto tree = create(3, {1, 2});
-    EXPECT_EQ(field(lltest::readFile(path()), 24) * 1000 + T::pageFile(*tree)->hdr.rootOffset, 1046);
+    auto tree = longs({1, 2});
+    EXPECT_EQ(field(lltest::readFile(path), 24) * 1000 + T::pageFile(*tree)->hdr.rootOffset, 1046);
     ASSERT_TRUE(tree->insertKey(103, int32_t{3}));
     EXPECT_EQ(T::root(*tree)->offset, shape.at(2));
-    EXPECT_EQ(lltest::readFile(path()).substr(24, 8), le4(2) + le4(shape.at(2)));
+    EXPECT_EQ(lltest::readFile(path).substr(24, 8), le4(2) + le4(shape.at(2)));
   }
-  EXPECT_EQ(records(path()), records(shape, 3, 2, {rec(2, {1}), rec(2, {3}), rec(-1, {2}, {0, 1})}));
-  create(3, {1, 3, 2});
-  EXPECT_EQ(records(path()), records(shape, 3, 2, {rec(2, {1}), rec(2, {3}), rec(-1, {2}, {0, 1})}));
-  create(3, {1, 2, 3, 4, 5, 6, 7});
-  EXPECT_EQ(records(path()), records(shape, 7, 6, {rec(2, {1}), rec(2, {3}), rec(6, {2}, {0, 1}), rec(5, {5}),
+  EXPECT_EQ(records(path), records(shape, 3, 2, {rec(2, {1}), rec(2, {3}), rec(-1, {2}, {0, 1})}));
+  longs({1, 3, 2});
+  EXPECT_EQ(records(path), records(shape, 3, 2, {rec(2, {1}), rec(2, {3}), rec(-1, {2}, {0, 1})}));
+  longs({1, 2, 3, 4, 5, 6, 7});
+  EXPECT_EQ(records(path), records(shape, 7, 6, {rec(2, {1}), rec(2, {3}), rec(6, {2}, {0, 1}), rec(5, {5}),
                                                    rec(5, {7}), rec(6, {6}, {3, 4}), rec(-1, {4}, {2, 5})}));
-  create(4, {1, 2, 3, 4});
-  EXPECT_EQ(records(path()), records({4, 4}, 4, 2, {rec(2, {1, 2}), rec(2, {4}), rec(-1, {3}, {0, 1})}));
-  create(2, {1, 2});
-  EXPECT_EQ(records(path()), records({2, 4}, 2, 2, {rec(2, {1}), rec(2, {}), rec(-1, {2}, {0, 1})}));
+  longs({1, 2, 3, 4}, 4);
+  EXPECT_EQ(records(path), records({4, 4}, 4, 2, {rec(2, {1, 2}), rec(2, {4}), rec(-1, {3}, {0, 1})}));
+  longs({1, 2}, 2);
+  EXPECT_EQ(records(path), records({2, 4}, 2, 2, {rec(2, {1}), rec(2, {}), rec(-1, {2}, {0, 1})}));
 }
 
-// One deletion from a built file. Afterwards the file is `before` with the header's keyCount,
+// One deletion from a built file. Afterwards the file is as before with the header's keyCount,
 // root and free head updated, the `changed` records rewritten exactly, the link words of the
 // `freed` records (the chain from its head) set, and nothing else touched.
 struct Case {
@@ -492,16 +474,14 @@ TEST_F(ChangeTest, RebalancingRewritesExactlyTheRecordsItMust) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    c.shape.build(path(), c.recs, 0);
-    const std::string before = lltest::readFile(path());
+    c.shape.build(path, c.recs, 0);
+    std::string expected = lltest::readFile(path);
     {
-      BTree tree(path(), false, 0);
+      BTree tree(path, false, 0);
       ASSERT_TRUE(tree.deleteKey(c.key));
       EXPECT_EQ(checkModel(tree, entries(c.remaining), c.shape.order % 2 == 0), "");
     }
-    const std::string after = lltest::readFile(path());
-    ASSERT_EQ(after.size(), before.size());
-    std::string expected = before;
+    const std::string after = lltest::readFile(path);
     expected.replace(24, 12, le4(static_cast<int32_t>(c.remaining.size())) + le4(c.shape.at(c.root)) +
                                  le4(c.freed.empty() ? -1 : c.shape.at(c.freed[0])));
     for (const auto& [n, r] : c.changed) expected.replace(c.shape.at(n), c.shape.recordSize(), c.shape.encode(n, r));
@@ -510,16 +490,14 @@ TEST_F(ChangeTest, RebalancingRewritesExactlyTheRecordsItMust) {
       expected.replace(at, c.shape.recordSize(), after.substr(at, c.shape.recordSize()));
       expected.replace(at, 4, le4(i + 1 < c.freed.size() ? c.shape.at(c.freed[i + 1]) : -1));
     }
-    for (size_t at = 0; at < after.size(); at += c.shape.recordSize())
-      EXPECT_EQ(hex(after.substr(at, c.shape.recordSize())), hex(expected.substr(at, c.shape.recordSize())))
-          << "at " << at;
+    EXPECT_EQ(hex(after), hex(expected));
   }
   EXPECT_TRUE(support.reports.empty());
 }
 
 // Arguments that are no key, and a slot too narrow for a value tail, find nothing to delete.
 TEST_F(ChangeTest, ArgumentsThatAreNoKeyDeleteNothing) {
-  BTree tree(path(), 3, 2, false, 0, 0, 0);
+  BTree tree(path, 3, 2, false, 0, 0, 0);
   ASSERT_TRUE(tree.insertKey(1, "ab", 2));
   EXPECT_FALSE(tree.deleteKey(1, "ab", 2) || tree.deleteKey(1, nullptr, 2) || tree.deleteKey(1, "ab", -1));
   EXPECT_FALSE(tree.deleteKey(nullptr, 2) || tree.deleteKey("ab", -1));
@@ -529,9 +507,9 @@ TEST_F(ChangeTest, ArgumentsThatAreNoKeyDeleteNothing) {
 // A missing key changes nothing but drops the cursor; a tree with duplicates refuses the forms
 // without a value, with these reports, and leaves the cursor.
 TEST_F(ChangeTest, RefusedChanges) {
-  shape.build(path(), threeLeaves({1}, {7}, {12}), 0);
+  shape.build(path, threeLeaves({1}, {7}, {12}), 0);
   {
-    BTree tree(path(), false, 0);
+    BTree tree(path, false, 0);
     EXPECT_EQ(steps(tree, "F"), "101");
     EXPECT_FALSE(tree.deleteKey(2) || tree.replaceValue(1, 11));
     EXPECT_EQ(steps(tree, "C F"), "x 101");
@@ -541,9 +519,9 @@ TEST_F(ChangeTest, RefusedChanges) {
   }
   shape = {5, 8};
   auto dup = [](int32_t v) { return Slot{std::string("ab\0\0", 4) + be4(static_cast<uint32_t>(v)), v}; };
-  shape.build(path(), {Rec{-1, {dup(1), dup(2), dup(3)}, {}}}, 0, true);
+  shape.build(path, {Rec{-1, {dup(1), dup(2), dup(3)}, {}}}, 0, true);
   {
-    BTree tree(path(), false, 0);
+    BTree tree(path, false, 0);
     int32_t value = 0;
     ASSERT_TRUE(tree.find(value, "ab", 2));
     EXPECT_FALSE(tree.deleteKey("ab", 2) || tree.replaceValue(9, "ab", 2));
@@ -556,24 +534,21 @@ TEST_F(ChangeTest, RefusedChanges) {
     EXPECT_FALSE(tree.deleteKey(9, "ab", 2));
     ASSERT_TRUE(tree.deleteKey(2, "ab", 2));
   }
-  EXPECT_EQ(hex(shape.record(lltest::readFile(path()), 0)), hex(shape.encode(0, Rec{-1, {dup(1), dup(3)}, {}})));
+  EXPECT_EQ(records(path), records(shape, 2, 0, {Rec{-1, {dup(1), dup(3)}, {}}}));
 }
 
 // replaceValue rewrites the value in place, in the root as in a leaf, and keeps the cursor.
 TEST_F(ChangeTest, ReplaceValueRewritesOneWord) {
-  shape.build(path(), {rec(-1, {10}, {1, 2}), rec(0, {5}), rec(0, {15})}, 0);
+  std::vector<Rec> recs = {rec(-1, {10}, {1, 2}), rec(0, {5}), rec(0, {15})};
+  shape.build(path, recs, 0);
   {
-    BTree tree(path(), false, 0);
+    BTree tree(path, false, 0);
     EXPECT_EQ(steps(tree, "f5"), "105");
     EXPECT_TRUE(tree.replaceValue(-7, 10) && tree.replaceValue(77, 15));
     EXPECT_EQ(steps(tree, "K"), "5");
   }
-  Rec root = rec(-1, {10}, {1, 2}), leaf = rec(0, {15});
-  root.entries[0].value = -7;
-  leaf.entries[0].value = 77;
-  const std::string file = lltest::readFile(path());
-  EXPECT_EQ(hex(file.substr(24, 4) + shape.record(file, 0) + shape.record(file, 1) + shape.record(file, 2)),
-            hex(le4(3) + shape.encode(0, root) + shape.encode(1, rec(0, {5})) + shape.encode(2, leaf)));
+  recs[0].entries[0].value = -7, recs[2].entries[0].value = 77;
+  EXPECT_EQ(records(path), records(shape, 3, 0, recs));
   EXPECT_TRUE(support.reports.empty());
 }
 
@@ -583,15 +558,15 @@ TEST_F(ChangeTest, ReadOnlyAndMisplacedPagesChangeNothing) {
   std::vector<Rec> misplaced = threeLeaves({1}, {7}, {12});
   misplaced[2].parent = 1;
   for (bool readOnly : {false, true}) {
-    shape.build(path(), readOnly ? threeLeaves({1}, {7}, {12}) : misplaced, 0);
-    const std::string before = lltest::readFile(path());
+    shape.build(path, readOnly ? threeLeaves({1}, {7}, {12}) : misplaced, 0);
+    const std::string before = lltest::readFile(path);
     {
-      BTree tree(path(), readOnly, 0);
+      BTree tree(path, readOnly, 0);
       EXPECT_FALSE(tree.deleteKey(7));
       EXPECT_FALSE(readOnly && (tree.replaceValue(1, 5) || tree.insertKey(2, 2)));
       EXPECT_EQ(tree.getKeyCount(), 5);
     }
-    EXPECT_TRUE(!readOnly || lltest::readFile(path()) == before);
+    EXPECT_TRUE(!readOnly || lltest::readFile(path) == before);
   }
 }
 

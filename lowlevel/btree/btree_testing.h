@@ -195,9 +195,6 @@ struct Shape {
     for (size_t i = 0; i <= keys; ++i) out += le4(i < r.kids.size() ? at(r.kids[i]) : -1);
     return out;
   }
-  std::string record(const std::string& file, int n) const {
-    return file.substr(static_cast<size_t>(at(n)), static_cast<size_t>(recordSize()));
-  }
 
   // Writes a file of these records, record n at its place, under the header of a new tree of
   // this shape with the keyCount their sum and the root at `rootRecord`.

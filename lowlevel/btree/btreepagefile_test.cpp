@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -71,17 +72,15 @@ std::string dump(const BTreePage& page) {
   return out;
 }
 
-TEST(BTreePage, ShapesOfNewPages) {
+// New pages of odd, even and the smallest order. Copies of keys and pages share no buffer, also
+// beyond a key's own small buffer; the empty key and a placeholder page (whose maxKeys is no
+// count) copy as themselves without a report.
+TEST(BTreePage, NewShapesAndCopiesThatShareNoBuffer) {
   EXPECT_EQ(dump(BTreePage(7, 10)), "7 6 3 -1 -1 0 | -=0 -=0 -=0 -=0 -=0 -=0 | -1 -1 -1 -1 -1 -1 -1");
   EXPECT_EQ(dump(BTreePage(8, 10)), "8 7 4 -1 -1 0 | -=0 -=0 -=0 -=0 -=0 -=0 -=0 | -1 -1 -1 -1 -1 -1 -1 -1");
   EXPECT_EQ(dump(BTreePage(2, 10)), "2 1 1 -1 -1 0 | -=0 | -1 -1");
-  BTreePage placeholder(0, 10);
-  EXPECT_TRUE(placeholder.isPlaceholder() && placeholder.keyLength == 0u && placeholder.values == nullptr);
-}
-
-// Copies of keys and pages share no buffer, also beyond a key's own small buffer; the empty key
-// and a placeholder page (whose maxKeys is no count) copy as themselves without a report.
-TEST(BTreePage, CopiesShareNoBuffer) {
+  BTreePage tenWide(0, 10);
+  EXPECT_TRUE(tenWide.isPlaceholder() && tenWide.keyLength == 0u && tenWide.values == nullptr);
   lltest::RecordingSupport support;
   for (const std::string& text : {std::string("abcd"), std::string(40, 'w')}) {
     const unsigned n = static_cast<unsigned>(text.size());
@@ -160,15 +159,11 @@ TEST(BTreePageFile, OpeningRefusesWithExactMessages) {
   lltest::RecordingSupport support;
   EXPECT_FALSE(BTreePageFile(dir.file("missing.bt"), true, 0).ok || BTreePageFile(dir.file("missing.bt"), false, 5).ok ||
                BTreePageFile(dir.file("no/such/dir.bt"), 3, 4, false, 0, 0, 0).ok);
-  EXPECT_EQ(messages(support),
-            (std::vector<std::string>{
-                "Unable to open file (" + dir.file("missing.bt") + ").",
-                "You may not open a file with an offset for anything other than reading (" +
-                    dir.file("missing.bt") + ").",
-                "Unable to create file (" + dir.file("no/such/dir.bt") + ")."}));
-  const lltest::Report& r = support.reports[0];
-  EXPECT_EQ(r.function + "|" + r.module + "|" + std::to_string(r.flag == eReportError),
-            "BTreePageFile::BTreePageFile|btree|1");
+  const std::string from = ").|BTreePageFile::BTreePageFile|2|btree\n";
+  EXPECT_EQ(lltest::reportsText(support.reports),
+            "Unable to open file (" + dir.file("missing.bt") + from +
+                "You may not open a file with an offset for anything other than reading (" + dir.file("missing.bt") +
+                from + "Unable to create file (" + dir.file("no/such/dir.bt") + from);
   EXPECT_FALSE(lltest::fileExists(dir.file("missing.bt")));
 }
 
@@ -199,22 +194,22 @@ TEST(BTreePageFile, VersionsClearWhatTheyIgnore) {
   lltest::TempDir dir;
   std::string bytes = lltest::readFile(makeEmpty(dir));
   patch(bytes, 36, std::string("\x09\x04\x00\x00\x01\x04\x00\x00\x07\x00", 10));
-  struct Case { int32_t version; uint32_t lcid, flags; int16_t space; } cases[] = {
-      {kBTreeVersion1, 0, 0, 0}, {kBTreeVersion2, 0, 0, 0},
-      {kBTreeVersion3, 0x409, 0x401, 0}, {kBTreeVersion4, 0x409, 0x401, 7}};
-  for (const Case& c : cases) {
-    patch(bytes, 0, le32(c.version));
+  // lcid mapFlags spaceConversion as read, then the version, lcid and space the update stored
+  const std::pair<int32_t, std::string> cases[] = {
+      {kBTreeVersion1, "0 0 0 00 01 01 00 00 00 00 00 00 00 "},
+      {kBTreeVersion2, "0 0 0 00 02 01 00 00 00 00 00 00 00 "},
+      {kBTreeVersion3, "409 401 0 00 03 01 00 09 04 00 00 00 00 "},
+      {kBTreeVersion4, "409 401 7 00 04 01 00 09 04 00 00 07 00 "}};
+  for (const auto& [version, expected] : cases) {
+    patch(bytes, 0, le32(version));
     lltest::writeFile(dir.file("v.bt"), bytes);
+    char fields[40] = "-";
     {
       BTreePageFile pf(dir.file("v.bt"), false, 0);
-      ASSERT_TRUE(pf.ok);
-      EXPECT_EQ(std::to_string(pf.hdr.lcid) + " " + std::to_string(pf.hdr.mapFlags) + " " +
-                    std::to_string(pf.hdr.spaceConversion),
-                std::to_string(c.lcid) + " " + std::to_string(c.flags) + " " + std::to_string(c.space));
+      if (pf.ok) std::snprintf(fields, sizeof fields, "%x %x %d ", pf.hdr.lcid, pf.hdr.mapFlags, pf.hdr.spaceConversion);
     }
-    std::string after = lltest::readFile(dir.file("v.bt"));  // the update stored what counts
-    EXPECT_EQ(after.substr(0, 4) + after.substr(36, 4) + after.substr(44, 2),
-              le32(c.version) + le32(static_cast<int32_t>(c.lcid)) + static_cast<char>(c.space) + '\0');
+    const std::string after = lltest::readFile(dir.file("v.bt"));
+    EXPECT_EQ(fields + btreetest::hex(after.substr(0, 4) + after.substr(36, 4) + after.substr(44, 2)), expected);
   }
 }
 
