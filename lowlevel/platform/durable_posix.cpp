@@ -8,29 +8,14 @@
 #include <string>
 
 #include "lowlevel/platform/io.h"
+#include "lowlevel/platform/io_system.h"
 
 namespace lowlevel {
 namespace platform {
 
-namespace {
-
-bool injected(IoCall call, int handle) {
-  IoFaultHook* hook = ioFaultHook();
-  return hook != nullptr && hook->shouldFail(call, handle);
-}
-
-std::string hostPathOf(const char* path) {
-  std::string p(path != nullptr ? path : "");
-  for (char& c : p)
-    if (c == '\\') c = '/';
-  return p;
-}
-
-}  // namespace
-
 int sync(int handle) {
   countSync();
-  if (handle < 0 || injected(IoCall::Sync, handle)) return -1;
+  if (handle < 0 || injectedFailure(IoCall::Sync, handle)) return -1;
   int rc;
   do {
     rc = ::fsync(handle);
@@ -41,8 +26,8 @@ int sync(int handle) {
 }
 
 int syncDirectoryOf(const char* path) {
-  if (injected(IoCall::Sync, -1)) return -1;
-  std::string dir = hostPathOf(path);
+  if (injectedFailure(IoCall::Sync, -1)) return -1;
+  std::string dir = sys::hostPath(path);
   const size_t slash = dir.rfind('/');
   dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : dir.substr(0, slash));
   const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -55,7 +40,7 @@ int syncDirectoryOf(const char* path) {
 }
 
 int lock(int handle, bool wait) {
-  if (handle < 0 || injected(IoCall::Lock, handle)) return -1;
+  if (handle < 0 || injectedFailure(IoCall::Lock, handle)) return -1;
   int rc;
   do {
     rc = ::flock(handle, LOCK_EX | (wait ? 0 : LOCK_NB));
@@ -69,22 +54,22 @@ int unlock(int handle) {
 }
 
 int truncate(int handle, int32_t length) {
-  if (handle < 0 || length < 0 || injected(IoCall::Truncate, handle)) return -1;
+  if (handle < 0 || length < 0 || injectedFailure(IoCall::Truncate, handle)) return -1;
   if (::ftruncate(handle, static_cast<off_t>(length)) != 0) return -1;
   if (IoFaultHook* hook = ioFaultHook()) hook->truncated(handle, length);
   return 0;
 }
 
 int remove(const char* path) {
-  if (path == nullptr || injected(IoCall::Remove, -1)) return -1;
-  if (::unlink(hostPathOf(path).c_str()) != 0) return -1;
+  if (path == nullptr || injectedFailure(IoCall::Remove, -1)) return -1;
+  if (::unlink(sys::hostPath(path).c_str()) != 0) return -1;
   if (IoFaultHook* hook = ioFaultHook()) hook->removed(path);
   return syncDirectoryOf(path);
 }
 
 bool exists(const char* path) {
   struct stat st;
-  return path != nullptr && ::stat(hostPathOf(path).c_str(), &st) == 0;
+  return path != nullptr && ::stat(sys::hostPath(path).c_str(), &st) == 0;
 }
 
 }  // namespace platform

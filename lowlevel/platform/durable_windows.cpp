@@ -6,16 +6,12 @@
 #include <string>
 
 #include "lowlevel/platform/io.h"
+#include "lowlevel/platform/io_system.h"
 
 namespace lowlevel {
 namespace platform {
 
 namespace {
-
-bool injected(IoCall call, int handle) {
-  IoFaultHook* hook = ioFaultHook();
-  return hook != nullptr && hook->shouldFail(call, handle);
-}
 
 HANDLE osHandle(int handle) { return reinterpret_cast<HANDLE>(_get_osfhandle(handle)); }
 
@@ -23,7 +19,7 @@ HANDLE osHandle(int handle) { return reinterpret_cast<HANDLE>(_get_osfhandle(han
 
 int sync(int handle) {
   countSync();
-  if (handle < 0 || injected(IoCall::Sync, handle)) return -1;
+  if (handle < 0 || injectedFailure(IoCall::Sync, handle)) return -1;
   HANDLE h = osHandle(handle);
   if (h == INVALID_HANDLE_VALUE || !FlushFileBuffers(h)) return -1;
   if (IoFaultHook* hook = ioFaultHook()) hook->synced(handle);
@@ -31,7 +27,7 @@ int sync(int handle) {
 }
 
 // Directory entries are written through on NTFS; there is nothing to sync.
-int syncDirectoryOf(const char*) { return injected(IoCall::Sync, -1) ? -1 : 0; }
+int syncDirectoryOf(const char*) { return injectedFailure(IoCall::Sync, -1) ? -1 : 0; }
 
 // The lock covers one byte at 2^31, beyond the 2 GiB limit, where no data is ever written: a lock
 // on the whole file would also refuse this process's own writes through its other handles.
@@ -42,7 +38,7 @@ static OVERLAPPED lockByte() {
 }
 
 int lock(int handle, bool wait) {
-  if (handle < 0 || injected(IoCall::Lock, handle)) return -1;
+  if (handle < 0 || injectedFailure(IoCall::Lock, handle)) return -1;
   HANDLE h = osHandle(handle);
   const DWORD flags = LOCKFILE_EXCLUSIVE_LOCK | (wait ? 0 : LOCKFILE_FAIL_IMMEDIATELY);
   OVERLAPPED at = lockByte();
@@ -57,14 +53,14 @@ int unlock(int handle) {
 }
 
 int truncate(int handle, int32_t length) {
-  if (handle < 0 || length < 0 || injected(IoCall::Truncate, handle)) return -1;
+  if (handle < 0 || length < 0 || injectedFailure(IoCall::Truncate, handle)) return -1;
   if (_chsize(handle, static_cast<long>(length)) != 0) return -1;
   if (IoFaultHook* hook = ioFaultHook()) hook->truncated(handle, length);
   return 0;
 }
 
 int remove(const char* path) {
-  if (path == nullptr || injected(IoCall::Remove, -1)) return -1;
+  if (path == nullptr || injectedFailure(IoCall::Remove, -1)) return -1;
   if (_unlink(path) != 0) return -1;
   if (IoFaultHook* hook = ioFaultHook()) hook->removed(path);
   return 0;

@@ -13,10 +13,6 @@ namespace {
 IoFaultHook* g_hook = nullptr;
 IoCounters g_counters;
 
-bool injectedFailure(IoCall call, int handle) {
-  return g_hook != nullptr && g_hook->shouldFail(call, handle);
-}
-
 unsigned allowedBytes(IoCall call, int handle, unsigned count) {
   if (g_hook == nullptr) return count;
   unsigned allowed = g_hook->limitBytes(call, handle, count);
@@ -24,6 +20,10 @@ unsigned allowedBytes(IoCall call, int handle, unsigned count) {
 }
 
 }  // namespace
+
+bool injectedFailure(IoCall call, int handle) {
+  return g_hook != nullptr && g_hook->shouldFail(call, handle);
+}
 
 void toHostPath(const char* path, char* out, unsigned capacity) {
   if (out == nullptr || capacity == 0) return;

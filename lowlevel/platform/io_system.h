@@ -32,6 +32,11 @@ bool sameFile(const char* pathA, const char* pathB);
 std::string hostPath(const char* path);
 
 }  // namespace sys
+
+// Whether the installed fault hook fails this call (false without a hook). Every platform file
+// asks it before the system call, so the seam works the same for all of them.
+bool injectedFailure(IoCall call, int handle);
+
 }  // namespace platform
 }  // namespace lowlevel
 
