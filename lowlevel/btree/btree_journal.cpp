@@ -3,6 +3,7 @@
 
 #include <xxhash.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 
@@ -145,17 +146,38 @@ bool BTreeJournal::begin(ZFile& tree, bool wait) {
   return true;
 }
 
-std::vector<unsigned char>* BTreeJournal::block(ZFile& tree, int32_t start) {
-  auto found = overlay_.find(start);
-  if (found != overlay_.end()) return &found->second;
+size_t BTreeJournal::allocate(size_t size) {
+  const size_t at = overlayBytes_;
+  if (arena_.size() < at + size) arena_.resize(std::max(at + size, 2 * arena_.size()));
+  overlayBytes_ += size;
+  return at;
+}
+
+// Forgets the blocks; the arena's memory stays for the next batch unless it grew large.
+void BTreeJournal::dropBlocks() {
+  blocks_.clear();
+  originals_.clear();
+  overlayBytes_ = 0;
+  dirtyBlocks_ = 0;
+  overlayEnd_ = 0;
+  if (arena_.size() > kKeepBytes) std::vector<unsigned char>().swap(arena_);
+  if (out_.size() > kKeepBytes) std::vector<unsigned char>().swap(out_);
+}
+
+BTreeJournal::Block* BTreeJournal::block(ZFile& tree, int32_t start) {
+  auto found = blocks_.find(start);
+  if (found != blocks_.end()) return &found->second;
   const int32_t size = blockSize(start);
-  std::vector<unsigned char> bytes(static_cast<size_t>(size), 0);
-  if (start < treeLength_) {
-    const int32_t present = treeLength_ - start < size ? treeLength_ - start : size;
-    if (!readAt(tree, start, bytes.data(), present)) return nullptr;
+  Block fresh;
+  fresh.at = allocate(static_cast<size_t>(size));
+  unsigned char* bytes = arena_.data() + fresh.at;
+  const int32_t present = start >= treeLength_ ? 0 : treeLength_ - start < size ? treeLength_ - start : size;
+  std::memset(bytes + present, 0, static_cast<size_t>(size - present));
+  if (present > 0 && !readAt(tree, start, bytes, present)) {
+    overlayBytes_ = fresh.at;
+    return nullptr;
   }
-  overlayBytes_ += bytes.size();
-  return &overlay_.emplace(start, std::move(bytes)).first->second;
+  return &blocks_.emplace(start, fresh).first->second;
 }
 
 bool BTreeJournal::read(ZFile& tree, int32_t position, void* out, int count) {
@@ -164,10 +186,17 @@ bool BTreeJournal::read(ZFile& tree, int32_t position, void* out, int count) {
     const int32_t start = blockStart(position);
     const int32_t skip = position - start;
     const int n = blockSize(start) - skip < count ? blockSize(start) - skip : count;
-    auto found = overlay_.find(start);
-    if (found != overlay_.end()) {
-      std::memcpy(to, found->second.data() + skip, static_cast<size_t>(n));
-    } else if (position + n > treeLength_ || !readAt(tree, position, to, n)) {
+    auto found = blocks_.find(start);
+    const Block* held = found != blocks_.end() ? &found->second : nullptr;
+    // Only bytes the tree has, or the batch wrote, can be read.
+    if ((held == nullptr || !held->dirty) && position + n > treeLength_) return false;
+    if (held == nullptr && overlayBytes_ < spillBytes) {
+      held = block(tree, start);
+      if (held == nullptr) return false;
+    }
+    if (held != nullptr) {
+      std::memcpy(to, arena_.data() + held->at + skip, static_cast<size_t>(n));
+    } else if (!readAt(tree, position, to, n)) {
       return false;
     }
     to += n;
@@ -185,9 +214,25 @@ bool BTreeJournal::write(ZFile& tree, int32_t position, const void* in, int coun
     const int32_t start = blockStart(position);
     const int32_t skip = position - start;
     const int n = blockSize(start) - skip < count ? blockSize(start) - skip : count;
-    std::vector<unsigned char>* bytes = block(tree, start);
-    if (bytes == nullptr) return false;
-    std::memcpy(bytes->data() + skip, from, static_cast<size_t>(n));
+    Block* held = block(tree, start);
+    if (held == nullptr) return false;
+    if (!held->dirty) {
+      // The tree still has the block's original bytes (only flushed blocks reach it, and those
+      // are journaled): keep them for the journal.
+      if (start < oldLength_ && journaled_.count(start) == 0) {
+        const int32_t size = oldLength_ - start < blockSize(start) ? oldLength_ - start : blockSize(start);
+        Original original;
+        original.size = size;
+        original.at = allocate(static_cast<size_t>(size));  // may move the arena, not offsets
+        std::memcpy(arena_.data() + original.at, arena_.data() + held->at, static_cast<size_t>(size));
+        originals_.emplace(start, original);
+      }
+      held->dirty = true;
+      ++dirtyBlocks_;
+      const int32_t end = start + blockSize(start);
+      if (end > overlayEnd_) overlayEnd_ = end;
+    }
+    std::memcpy(arena_.data() + held->at + skip, from, static_cast<size_t>(n));
     from += n;
     position += n;
     count -= n;
@@ -196,17 +241,15 @@ bool BTreeJournal::write(ZFile& tree, int32_t position, const void* in, int coun
 }
 
 int32_t BTreeJournal::length() const {
-  if (overlay_.empty()) return treeLength_;
-  const auto& last = *overlay_.rbegin();
-  const int32_t end = last.first + static_cast<int32_t>(last.second.size());
-  return end > treeLength_ ? end : treeLength_;
+  return dirtyBlocks_ != 0 && overlayEnd_ > treeLength_ ? overlayEnd_ : treeLength_;
 }
 
 // The journal first: the original bytes of each block not yet in it, made durable; then the
 // blocks of the overlay into the tree (not yet durable).
 bool BTreeJournal::flush(ZFile& tree) {
-  if (overlay_.empty()) return true;
-  std::vector<unsigned char> out;
+  if (dirtyBlocks_ == 0) return true;
+  size_t total = 0;
+  for (const auto& entry : originals_) total += kRecordHead + static_cast<size_t>(entry.second.size) + 4;
   bool created = false;
   if (journal_ < 0) {
     journal_ = io::open(path_.c_str(),
@@ -214,47 +257,72 @@ bool BTreeJournal::flush(ZFile& tree) {
                         io::kPermRead | io::kPermWrite);
     if (journal_ < 0) return false;
     created = true;
-    out.resize(kHeaderSize, 0);
-    std::memcpy(out.data(), kMagic, 8);
-    put32(out.data() + 8, salt_);
-    put32(out.data() + 12, static_cast<uint32_t>(oldLength_));
-    put32(out.data() + 16, static_cast<uint32_t>(recordSize_));
-    put32(out.data() + 28, checksum(out.data(), 28, 0));
+    total += kHeaderSize;
   }
-  for (const auto& entry : overlay_) {
-    const int32_t start = entry.first;
-    if (start >= oldLength_ || journaled_.count(start) != 0) continue;
-    const int32_t size = oldLength_ - start < blockSize(start) ? oldLength_ - start : blockSize(start);
-    const size_t at = out.size();
-    out.resize(at + kRecordHead + static_cast<size_t>(size) + 4);
-    unsigned char* r = out.data() + at;
-    put32(r, static_cast<uint32_t>(start));
+  if (out_.size() < total) out_.resize(total);
+  size_t at = 0;
+  if (created) {
+    std::memset(out_.data(), 0, kHeaderSize);
+    std::memcpy(out_.data(), kMagic, 8);
+    put32(out_.data() + 8, salt_);
+    put32(out_.data() + 12, static_cast<uint32_t>(oldLength_));
+    put32(out_.data() + 16, static_cast<uint32_t>(recordSize_));
+    put32(out_.data() + 28, checksum(out_.data(), 28, 0));
+    at = kHeaderSize;
+  }
+  for (const auto& entry : originals_) {
+    const int32_t size = entry.second.size;
+    unsigned char* r = out_.data() + at;
+    put32(r, static_cast<uint32_t>(entry.first));
     put32(r + 4, static_cast<uint32_t>(size));
-    if (!readAt(tree, start, r + kRecordHead, size)) return false;
+    std::memcpy(r + kRecordHead, arena_.data() + entry.second.at, static_cast<size_t>(size));
     put32(r + kRecordHead + size, checksum(r, kRecordHead + static_cast<size_t>(size), salt_));
-    journaled_.insert(start);
+    at += kRecordHead + static_cast<size_t>(size) + 4;
   }
-  if (!out.empty()) {
+  if (total > 0) {
     if (io::lseek(journal_, 0, 2) < 0 ||
-        io::write(journal_, out.data(), static_cast<unsigned>(out.size())) != static_cast<int>(out.size()) ||
+        io::write(journal_, out_.data(), static_cast<unsigned>(total)) != static_cast<int>(total) ||
         io::sync(journal_) != 0 || (created && io::syncDirectoryOf(path_.c_str()) != 0))
       return false;
   }
-  for (const auto& entry : overlay_) {
-    if (!writeAt(tree, entry.first, entry.second.data(), static_cast<int>(entry.second.size())))
-      return false;
-    const int32_t end = entry.first + static_cast<int32_t>(entry.second.size());
-    if (end > treeLength_) treeLength_ = end;
-  }
-  overlay_.clear();
-  overlayBytes_ = 0;
+  for (const auto& entry : originals_) journaled_.insert(entry.first);
+  if (!writeBlocks(tree)) return false;
+  dropBlocks();
   return true;
+}
+
+// Writes the dirty blocks into the tree, each run of adjacent ones (up to kMaxRun bytes) in one
+// write.
+bool BTreeJournal::writeBlocks(ZFile& tree) {
+  constexpr size_t kMaxRun = 1u << 20;
+  int32_t runStart = 0;
+  size_t runBytes = 0;
+  auto writeRun = [&]() {
+    if (runBytes == 0) return true;
+    if (!writeAt(tree, runStart, out_.data(), static_cast<int>(runBytes))) return false;
+    const int32_t end = runStart + static_cast<int32_t>(runBytes);
+    if (end > treeLength_) treeLength_ = end;
+    runBytes = 0;
+    return true;
+  };
+  for (const auto& entry : blocks_) {
+    if (!entry.second.dirty) continue;
+    const size_t size = static_cast<size_t>(blockSize(entry.first));
+    if (runBytes != 0 &&
+        (entry.first != runStart + static_cast<int32_t>(runBytes) || runBytes + size > kMaxRun) &&
+        !writeRun())
+      return false;
+    if (runBytes == 0) runStart = entry.first;
+    if (out_.size() < runBytes + size) out_.resize(runBytes + size);
+    std::memcpy(out_.data() + runBytes, arena_.data() + entry.second.at, size);
+    runBytes += size;
+  }
+  return writeRun();
 }
 
 void BTreeJournal::end(ZFile& tree) {
   (void)tree;
-  overlay_.clear();
-  overlayBytes_ = 0;
+  dropBlocks();
   journaled_.clear();
   if (journal_ >= 0) io::close(journal_);
   journal_ = -1;
@@ -268,7 +336,7 @@ void BTreeJournal::end(ZFile& tree) {
 
 bool BTreeJournal::commit(ZFile& tree) {
   if (!active_) return false;
-  if (overlay_.empty() && journal_ < 0) {  // nothing was changed
+  if (dirtyBlocks_ == 0 && journal_ < 0) {  // nothing was changed
     end(tree);
     return true;
   }

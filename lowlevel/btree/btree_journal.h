@@ -1,10 +1,12 @@
 // The rollback journal of a crash-safe BTree writer. Internal to the BTree module.
 //
 // Within a batch every write of the page file lands in an overlay of whole blocks (the header, or
-// one page record) kept here, and every read sees the overlay first. flush() moves the overlay
-// to the tree: the original bytes of each block that lies below the tree's length at the start of
-// the batch go to the journal first (once per block and batch), the journal is made durable, and
-// only then are the blocks written. commit() flushes, makes the tree durable and deletes the
+// one page record) kept here, and every read sees the overlay first. Blocks read in a batch stay
+// in memory too: the batch holds the lock, so nobody else changes them. flush() moves the
+// overlay to the tree: the original bytes of each block that lies below the tree's length at the
+// start of the batch go to the journal first (once per block and batch; kept from when the block
+// was read, so not read again), the journal is made durable, and only then are the blocks
+// written, runs of adjacent blocks in one write each. commit() flushes, makes the tree durable and deletes the
 // journal; that deletion is the moment the batch becomes permanent. A journal found beside a
 // tree is rolled back by recover(). The bytes are described in docs/journal-format.md.
 #ifndef LOWLEVEL_BTREE_BTREE_JOURNAL_H
@@ -27,7 +29,8 @@ class BTreeJournal {
   BTreeJournal(const BTreeJournal&) = delete;
   BTreeJournal& operator=(const BTreeJournal&) = delete;
 
-  // An overlay larger than this goes to the tree (through the journal) before the commit.
+  // Bytes of blocks held in memory: past this the overlay goes to the tree (through the journal)
+  // before the commit, and blocks read are no longer kept.
   static size_t spillBytes;
 
   // The journal's name beside the tree `fileName` (its prefix resolved).
@@ -64,9 +67,23 @@ class BTreeJournal {
   static Recovery recover(ZFile& tree, const std::string& journalPath, bool writable);
 
  private:
+  static constexpr size_t kKeepBytes = 4u << 20;
+
+  struct Block {
+    size_t at = 0;       // where its bytes are in arena_ (zeros past the tree's end)
+    bool dirty = false;  // written in this batch, not yet flushed
+  };
+  struct Original {
+    size_t at = 0;  // where the tree's bytes of a dirty block are in arena_
+    int32_t size = 0;
+  };
+
   int32_t blockStart(int32_t position) const;
   int32_t blockSize(int32_t start) const;
-  std::vector<unsigned char>* block(ZFile& tree, int32_t start);
+  Block* block(ZFile& tree, int32_t start);
+  size_t allocate(size_t size);
+  bool writeBlocks(ZFile& tree);
+  void dropBlocks();
   bool flush(ZFile& tree);
   void end(ZFile& tree);
 
@@ -80,8 +97,15 @@ class BTreeJournal {
   int32_t oldLength_ = 0;   // the tree's length when the batch began
   int32_t treeLength_ = 0;  // the tree's length now, without the overlay
   uint64_t writes_ = 0;
-  size_t overlayBytes_ = 0;
-  std::map<int32_t, std::vector<unsigned char>> overlay_;
+  size_t overlayBytes_ = 0;      // bytes of arena_ in use
+  int32_t overlayEnd_ = 0;       // the end of the last dirty block
+  size_t dirtyBlocks_ = 0;
+  std::map<int32_t, Block> blocks_;        // every block read or written since the last flush
+  std::map<int32_t, Original> originals_;  // tree bytes of the dirty blocks to journal
+  // Buffers kept from batch to batch (up to kKeepBytes each), so that a run of batches does not
+  // allocate, and fault in, fresh memory every time.
+  std::vector<unsigned char> arena_;
+  std::vector<unsigned char> out_;
   std::set<int32_t> journaled_;  // blocks whose original bytes are in the journal
 };
 
