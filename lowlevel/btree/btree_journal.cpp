@@ -94,7 +94,9 @@ bool soundHeader(const std::vector<unsigned char>& j) {
 size_t BTreeJournal::spillBytes = 8u << 20;
 
 BTreeJournal::BTreeJournal(std::string journalPath, int32_t recordSize)
-    : path_(std::move(journalPath)), recordSize_(recordSize) {}
+    : path_(std::move(journalPath)),
+      recordSize_(recordSize),
+      slotSize_(static_cast<size_t>(recordSize > kBTreeHeaderSize ? recordSize : kBTreeHeaderSize)) {}
 
 BTreeJournal::~BTreeJournal() {
   if (journal_ >= 0) io::close(journal_);
@@ -146,38 +148,73 @@ bool BTreeJournal::begin(ZFile& tree, bool wait) {
   return true;
 }
 
-size_t BTreeJournal::allocate(size_t size) {
-  const size_t at = overlayBytes_;
-  if (arena_.size() < at + size) arena_.resize(std::max(at + size, 2 * arena_.size()));
-  overlayBytes_ += size;
-  return at;
+size_t BTreeJournal::maxSlots() const {
+  const size_t slots = spillBytes / slotSize_;
+  return slots < 4 ? 4 : slots;
 }
 
-// Forgets the blocks; the arena's memory stays for the next batch unless it grew large.
+// A free slot of the arena: a new one while the arena is below spillBytes; else one of the clean
+// blocks, which all let go; else, when `mayFlush`, one freed by flushing the dirty blocks to the
+// tree. kNoSlot when there is none (or the flush failed).
+size_t BTreeJournal::takeSlot(ZFile& tree, bool mayFlush) {
+  if (free_.empty()) {
+    const size_t slots = arena_.size() / slotSize_;
+    if (slots < maxSlots()) {
+      const size_t grown = std::min(maxSlots(), std::max<size_t>(2 * slots, 16));
+      arena_.resize(grown * slotSize_);
+      for (size_t slot = grown; slot > slots; --slot) free_.push_back(slot - 1);
+    } else {
+      dropClean();
+      if (free_.empty() && mayFlush) {
+        if (!flush(tree)) return kNoSlot;
+        dropClean();
+      }
+      if (free_.empty()) return kNoSlot;
+    }
+  }
+  const size_t slot = free_.back();
+  free_.pop_back();
+  return slot;
+}
+
+void BTreeJournal::dropClean() {
+  for (auto it = blocks_.begin(); it != blocks_.end();) {
+    if (it->second.dirty) {
+      ++it;
+    } else {
+      free_.push_back(it->second.slot);
+      it = blocks_.erase(it);
+    }
+  }
+}
+
+// Forgets every block; the arena's memory stays for the next batch unless it grew large.
 void BTreeJournal::dropBlocks() {
   blocks_.clear();
   originals_.clear();
-  overlayBytes_ = 0;
   dirtyBlocks_ = 0;
   overlayEnd_ = 0;
-  if (arena_.size() > kKeepBytes) std::vector<unsigned char>().swap(arena_);
+  if (arena_.size() > kKeepBytes || arena_.size() / slotSize_ > maxSlots()) {
+    std::vector<unsigned char>().swap(arena_);
+  }
   if (out_.size() > kKeepBytes) std::vector<unsigned char>().swap(out_);
+  free_.clear();
+  for (size_t slot = arena_.size() / slotSize_; slot > 0; --slot) free_.push_back(slot - 1);
 }
 
-BTreeJournal::Block* BTreeJournal::block(ZFile& tree, int32_t start) {
-  auto found = blocks_.find(start);
-  if (found != blocks_.end()) return &found->second;
+// Reads the block at `start` into `slot` (zeros past the tree's end) and holds it, clean.
+BTreeJournal::Block* BTreeJournal::load(ZFile& tree, int32_t start, size_t slot) {
   const int32_t size = blockSize(start);
-  Block fresh;
-  fresh.at = allocate(static_cast<size_t>(size));
-  unsigned char* bytes = arena_.data() + fresh.at;
+  unsigned char* bytes = slotBytes(slot);
   const int32_t present = start >= treeLength_ ? 0 : treeLength_ - start < size ? treeLength_ - start : size;
   std::memset(bytes + present, 0, static_cast<size_t>(size - present));
   if (present > 0 && !readAt(tree, start, bytes, present)) {
-    overlayBytes_ = fresh.at;
+    free_.push_back(slot);
     return nullptr;
   }
-  return &blocks_.emplace(start, fresh).first->second;
+  Block held;
+  held.slot = slot;
+  return &blocks_.emplace(start, held).first->second;
 }
 
 bool BTreeJournal::read(ZFile& tree, int32_t position, void* out, int count) {
@@ -190,12 +227,12 @@ bool BTreeJournal::read(ZFile& tree, int32_t position, void* out, int count) {
     const Block* held = found != blocks_.end() ? &found->second : nullptr;
     // Only bytes the tree has, or the batch wrote, can be read.
     if ((held == nullptr || !held->dirty) && position + n > treeLength_) return false;
-    if (held == nullptr && overlayBytes_ < spillBytes) {
-      held = block(tree, start);
-      if (held == nullptr) return false;
+    if (held == nullptr) {
+      const size_t slot = takeSlot(tree, false);
+      if (slot != kNoSlot && (held = load(tree, start, slot)) == nullptr) return false;
     }
     if (held != nullptr) {
-      std::memcpy(to, arena_.data() + held->at + skip, static_cast<size_t>(n));
+      std::memcpy(to, slotBytes(held->slot) + skip, static_cast<size_t>(n));
     } else if (!readAt(tree, position, to, n)) {
       return false;
     }
@@ -214,30 +251,45 @@ bool BTreeJournal::write(ZFile& tree, int32_t position, const void* in, int coun
     const int32_t start = blockStart(position);
     const int32_t skip = position - start;
     const int n = blockSize(start) - skip < count ? blockSize(start) - skip : count;
-    Block* held = block(tree, start);
-    if (held == nullptr) return false;
+    auto found = blocks_.find(start);
+    const bool firstWrite = found == blocks_.end() || !found->second.dirty;
+    // A block first written keeps the tree's bytes for the journal (the tree still has them:
+    // only flushed blocks reach it, and those are journaled). That slot is taken first, since
+    // taking one may let the clean blocks go.
+    size_t original = kNoSlot;
+    if (firstWrite && start < oldLength_ && journaled_.count(start) == 0) {
+      original = takeSlot(tree, true);
+      if (original == kNoSlot) return false;
+    }
+    Block* held = nullptr;
+    found = blocks_.find(start);
+    if (found != blocks_.end()) {
+      held = &found->second;
+    } else {
+      const size_t slot = takeSlot(tree, true);
+      held = slot == kNoSlot ? nullptr : load(tree, start, slot);
+    }
+    if (held == nullptr) {
+      if (original != kNoSlot) free_.push_back(original);
+      return false;
+    }
+    if (original != kNoSlot) {
+      const int32_t size = oldLength_ - start < blockSize(start) ? oldLength_ - start : blockSize(start);
+      std::memcpy(slotBytes(original), slotBytes(held->slot), static_cast<size_t>(size));
+      originals_[start] = Original{original, size};
+    }
     if (!held->dirty) {
-      // The tree still has the block's original bytes (only flushed blocks reach it, and those
-      // are journaled): keep them for the journal.
-      if (start < oldLength_ && journaled_.count(start) == 0) {
-        const int32_t size = oldLength_ - start < blockSize(start) ? oldLength_ - start : blockSize(start);
-        Original original;
-        original.size = size;
-        original.at = allocate(static_cast<size_t>(size));  // may move the arena, not offsets
-        std::memcpy(arena_.data() + original.at, arena_.data() + held->at, static_cast<size_t>(size));
-        originals_.emplace(start, original);
-      }
       held->dirty = true;
       ++dirtyBlocks_;
       const int32_t end = start + blockSize(start);
       if (end > overlayEnd_) overlayEnd_ = end;
     }
-    std::memcpy(arena_.data() + held->at + skip, from, static_cast<size_t>(n));
+    std::memcpy(slotBytes(held->slot) + skip, from, static_cast<size_t>(n));
     from += n;
     position += n;
     count -= n;
   }
-  return overlayBytes_ < spillBytes || flush(tree);
+  return true;
 }
 
 int32_t BTreeJournal::length() const {
@@ -275,7 +327,7 @@ bool BTreeJournal::flush(ZFile& tree) {
     unsigned char* r = out_.data() + at;
     put32(r, static_cast<uint32_t>(entry.first));
     put32(r + 4, static_cast<uint32_t>(size));
-    std::memcpy(r + kRecordHead, arena_.data() + entry.second.at, static_cast<size_t>(size));
+    std::memcpy(r + kRecordHead, slotBytes(entry.second.slot), static_cast<size_t>(size));
     put32(r + kRecordHead + size, checksum(r, kRecordHead + static_cast<size_t>(size), salt_));
     at += kRecordHead + static_cast<size_t>(size) + 4;
   }
@@ -287,7 +339,12 @@ bool BTreeJournal::flush(ZFile& tree) {
   }
   for (const auto& entry : originals_) journaled_.insert(entry.first);
   if (!writeBlocks(tree)) return false;
-  dropBlocks();
+  // What was written is now the tree's: the blocks stay, clean, and the originals go.
+  for (auto& entry : blocks_) entry.second.dirty = false;
+  for (const auto& entry : originals_) free_.push_back(entry.second.slot);
+  originals_.clear();
+  dirtyBlocks_ = 0;
+  overlayEnd_ = 0;
   return true;
 }
 
@@ -314,7 +371,7 @@ bool BTreeJournal::writeBlocks(ZFile& tree) {
       return false;
     if (runBytes == 0) runStart = entry.first;
     if (out_.size() < runBytes + size) out_.resize(runBytes + size);
-    std::memcpy(out_.data() + runBytes, arena_.data() + entry.second.at, size);
+    std::memcpy(out_.data() + runBytes, slotBytes(entry.second.slot), size);
     runBytes += size;
   }
   return writeRun();

@@ -29,8 +29,9 @@ class BTreeJournal {
   BTreeJournal(const BTreeJournal&) = delete;
   BTreeJournal& operator=(const BTreeJournal&) = delete;
 
-  // Bytes of blocks held in memory: past this the overlay goes to the tree (through the journal)
-  // before the commit, and blocks read are no longer kept.
+  // Bytes of blocks held in memory. When they are full, the clean blocks (read, or already
+  // flushed) make room; when all are dirty, the overlay goes to the tree (through the journal)
+  // before the commit.
   static size_t spillBytes;
 
   // The journal's name beside the tree `fileName` (its prefix resolved).
@@ -69,20 +70,25 @@ class BTreeJournal {
  private:
   static constexpr size_t kKeepBytes = 4u << 20;
 
+  static constexpr size_t kNoSlot = static_cast<size_t>(-1);
+
   struct Block {
-    size_t at = 0;       // where its bytes are in arena_ (zeros past the tree's end)
-    bool dirty = false;  // written in this batch, not yet flushed
+    size_t slot = 0;     // its bytes in arena_ (zeros past the tree's end)
+    bool dirty = false;  // written since the last flush
   };
   struct Original {
-    size_t at = 0;  // where the tree's bytes of a dirty block are in arena_
-    int32_t size = 0;
+    size_t slot;   // the tree's bytes of a dirty block, for the journal
+    int32_t size;  // at most a block; less for a block the tree's old length cuts
   };
 
   int32_t blockStart(int32_t position) const;
   int32_t blockSize(int32_t start) const;
-  Block* block(ZFile& tree, int32_t start);
-  size_t allocate(size_t size);
+  size_t maxSlots() const;
+  size_t takeSlot(ZFile& tree, bool mayFlush);
+  unsigned char* slotBytes(size_t slot) { return arena_.data() + slot * slotSize_; }
+  Block* load(ZFile& tree, int32_t start, size_t slot);
   bool writeBlocks(ZFile& tree);
+  void dropClean();
   void dropBlocks();
   bool flush(ZFile& tree);
   void end(ZFile& tree);
@@ -97,14 +103,16 @@ class BTreeJournal {
   int32_t oldLength_ = 0;   // the tree's length when the batch began
   int32_t treeLength_ = 0;  // the tree's length now, without the overlay
   uint64_t writes_ = 0;
-  size_t overlayBytes_ = 0;      // bytes of arena_ in use
+  size_t slotSize_;              // a page record, or the header if that is larger
   int32_t overlayEnd_ = 0;       // the end of the last dirty block
   size_t dirtyBlocks_ = 0;
   std::map<int32_t, Block> blocks_;        // every block read or written since the last flush
   std::map<int32_t, Original> originals_;  // tree bytes of the dirty blocks to journal
   // Buffers kept from batch to batch (up to kKeepBytes each), so that a run of batches does not
-  // allocate, and fault in, fresh memory every time.
+  // allocate, and fault in, fresh memory every time. The arena holds blocks and originals in
+  // slots of slotSize_ bytes, at most spillBytes of them (and at least four slots).
   std::vector<unsigned char> arena_;
+  std::vector<size_t> free_;
   std::vector<unsigned char> out_;
   std::set<int32_t> journaled_;  // blocks whose original bytes are in the journal
 };
