@@ -177,13 +177,18 @@ size_t BTreeJournal::takeSlot(ZFile& tree, bool mayFlush) {
   return slot;
 }
 
+// Lets go the clean blocks not used since the last sweep (second chance: the others are marked
+// and go at the next one, or at once when this sweep freed nothing).
 void BTreeJournal::dropClean() {
-  for (auto it = blocks_.begin(); it != blocks_.end();) {
-    if (it->second.dirty) {
-      ++it;
-    } else {
-      free_.push_back(it->second.slot);
-      it = blocks_.erase(it);
+  for (int pass = 0; pass < 2 && free_.empty(); ++pass) {
+    for (auto it = blocks_.begin(); it != blocks_.end();) {
+      if (it->second.dirty || it->second.used) {
+        it->second.used = false;
+        ++it;
+      } else {
+        free_.push_back(it->second.slot);
+        it = blocks_.erase(it);
+      }
     }
   }
 }
@@ -224,7 +229,7 @@ bool BTreeJournal::read(ZFile& tree, int32_t position, void* out, int count) {
     const int32_t skip = position - start;
     const int n = blockSize(start) - skip < count ? blockSize(start) - skip : count;
     auto found = blocks_.find(start);
-    const Block* held = found != blocks_.end() ? &found->second : nullptr;
+    Block* held = found != blocks_.end() ? &found->second : nullptr;
     // Only bytes the tree has, or the batch wrote, can be read.
     if ((held == nullptr || !held->dirty) && position + n > treeLength_) return false;
     if (held == nullptr) {
@@ -232,6 +237,7 @@ bool BTreeJournal::read(ZFile& tree, int32_t position, void* out, int count) {
       if (slot != kNoSlot && (held = load(tree, start, slot)) == nullptr) return false;
     }
     if (held != nullptr) {
+      held->used = true;
       std::memcpy(to, slotBytes(held->slot) + skip, static_cast<size_t>(n));
     } else if (!readAt(tree, position, to, n)) {
       return false;

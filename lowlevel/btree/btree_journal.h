@@ -75,6 +75,7 @@ class BTreeJournal {
   struct Block {
     size_t slot = 0;     // its bytes in arena_ (zeros past the tree's end)
     bool dirty = false;  // written since the last flush
+    bool used = false;   // read since the last sweep of dropClean
   };
   struct Original {
     size_t slot;   // the tree's bytes of a dirty block, for the journal
