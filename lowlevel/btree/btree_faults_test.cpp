@@ -46,11 +46,9 @@ struct TornWrite : lltest::FaultInjector {
 
 // A change runs on the tree opened from the work file; a copy goes from the work file to the
 // target. Each updates `model` to what a run without faults gives.
-struct Operation {
-  const char* name;
-  std::function<bool(BTree&, Model&)> change;
-  std::function<bool(const std::string&, const std::string&, Model&)> copy;
-};
+using Change = std::function<bool(BTree&, Model&)>;
+using Copy = std::function<bool(const std::string& source, const std::string& target, Model&)>;
+struct Operation { const char* name; Change change; Copy copy; };
 
 const std::vector<Operation> kOperations = {
     {"insertKey",
@@ -64,7 +62,8 @@ const std::vector<Operation> kOperations = {
     {"deleteKey",
      [](BTree& tree, Model& model) {  // the three smallest: the leftmost leaves fall below half and merge
        bool ok = true;
-       for (int n = 0; n < 3; ++n) ok = ok && tree.deleteKey(model.begin()->first.data(), kWidth) && model.erase(model.begin()->first);
+       for (int n = 0; n < 3; ++n)
+         ok = ok && tree.deleteKey(model.begin()->first.data(), kWidth) && model.erase(model.begin()->first);
        return ok;
      },
      nullptr},
@@ -77,8 +76,7 @@ const std::vector<Operation> kOperations = {
     {"replaceValue",
      [](BTree& tree, Model& model) {
        auto middle = std::next(model.begin(), static_cast<long>(model.size() / 2));
-       middle->second = -7;
-       return tree.replaceValue(-7, middle->first.data(), kWidth);
+       return tree.replaceValue(middle->second = -7, middle->first.data(), kWidth);
      },
      nullptr},
     {"create", nullptr,

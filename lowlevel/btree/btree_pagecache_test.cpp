@@ -65,14 +65,11 @@ std::string transcript(size_t cacheBytes) {
   return out;
 }
 
-TEST(BTreePageCache, NothingChangesButSpeed) {
+TEST(BTreePageCache, NothingChangesButSpeedAndWarmLookupsMakeNoSystemCall) {
   const std::string plain = transcript(0);
   EXPECT_EQ(plain, transcript(4096));
   EXPECT_EQ(plain, transcript(kBTreePageCacheDefaultSize));
   EXPECT_EQ(0u, BTreePageCache::instance().bytesUsed());
-}
-
-TEST(BTreePageCache, WarmLookupMakesNoSystemCallAndClosingDropsThePages) {
   namespace io = lowlevel::platform;
   lltest::TempDir dir;
   for (size_t size : {size_t{0}, kBTreePageCacheDefaultSize}) {

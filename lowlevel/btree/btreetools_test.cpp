@@ -33,9 +33,8 @@ std::string lookups(BTree& tree, const std::vector<std::string>& probes) {
   std::string out;
   for (const std::string& probe : probes) {
     int32_t value = 0;
-    const int length = static_cast<int>(probe.size());
-    out += tree.find(value, probe.data(), length) ? "=" + std::to_string(value) : "-";
-    out += tree.findGreaterThanOrEqual(value, probe.data(), length) ? ">=" + std::to_string(value) + " " : ">- ";
+    out += tree.find(value, probe.c_str(), 0) ? "=" + std::to_string(value) : "-";
+    out += tree.findGreaterThanOrEqual(value, probe.c_str(), 0) ? ">=" + std::to_string(value) + " " : ">- ";
   }
   return out;
 }
@@ -61,9 +60,9 @@ TEST(BTreeTools, CopiesOfRandomTreesAnswerLikeTheirSource) {
     }
     // A compressed file's offset map is kept by path for the life of the process: new names.
     const std::string n = std::to_string(round);
-    const std::vector<std::string> copies = {dir.file("c.bt"), dir.file("o.bt"), dir.file("r.bt"),
-                                             dir.file("r3.bt"), dir.file("c" + n + ".zst"),
-                                             dir.file("o" + n + ".zst")};
+    const std::vector<std::string> copies = {dir.file("c.bt"),         dir.file("o.bt"),
+                                             dir.file("r.bt"),         dir.file("r3.bt"),
+                                             dir.file("c" + n + ".zst"), dir.file("o" + n + ".zst")};
     const std::string before = lltest::readFile(src);
     std::string error;
     ASSERT_TRUE(compressBTree(src, copies[0]) && orderBTree(src, copies[1]) &&
@@ -77,30 +76,27 @@ TEST(BTreeTools, CopiesOfRandomTreesAnswerLikeTheirSource) {
     std::vector<std::string> probes(40);
     for (std::string& p : probes) p = randomKey(rng);
     for (const Entry& e : forward) probes.push_back(e.first);
-    // Flags, order, the model's verdict, every lookup, and (but for repacked copies) the pages and
-    // the children lying in front of their parents: none in a copy.
-    auto state = [&](BTree& t, bool layout) {
-      int32_t back = -1, pages = 0;
-      t.test(true, nullptr, &pages, &back);
-      return std::to_string(t.hasDuplicates()) + std::to_string(t.isCompressed()) + std::to_string(t.getOrder()) +
-             checkModel(t, forward, true, layout) + lookups(t, probes) +
-             (layout ? std::to_string(pages) + "/" + std::to_string(back) : "");
-    };
     int32_t sourcePages = 0;
     source.test(true, nullptr, &sourcePages, nullptr);
+    // Flags, order, the model's verdict, every lookup, and (but for repacked copies) the pages and
+    // the children lying in front of their parents: none in a copy.
     for (size_t c = 0; c < copies.size(); ++c) {
       BTree copy(copies[c], true, 0);
       const bool layout = c != 2 && c != 3;
-      EXPECT_EQ(state(copy, layout), std::to_string(dups) + std::to_string(c == 0 || c == 4) +
-                                         std::to_string(c == 3 ? 3 : order) + lookups(source, probes) +
-                                         (layout ? std::to_string(sourcePages) + "/0" : ""))
+      int32_t back = -1, pages = 0;
+      copy.test(true, nullptr, &pages, &back);
+      EXPECT_EQ(std::to_string(copy.hasDuplicates()) + std::to_string(copy.isCompressed()) +
+                    std::to_string(copy.getOrder()) + checkModel(copy, forward, true, layout) + lookups(copy, probes) +
+                    (layout ? std::to_string(pages) + "/" + std::to_string(back) : ""),
+                std::to_string(dups) + std::to_string(c == 0 || c == 4) + std::to_string(c == 3 ? 3 : order) +
+                    lookups(source, probes) + (layout ? std::to_string(sourcePages) + "/0" : ""))
           << "round " << n << " copy " << copies[c];
     }
     // The ordered copy: the root at 46, no free records, each record's parent in front of it.
     const std::string file = lltest::readFile(copies[1]);
     const int32_t stride = static_cast<int32_t>(btreeRecordSize(order, dups ? 24 : 20));
-    EXPECT_EQ(hex(file.substr(28, 8)), hex(le4(46) + le4(-1)));
-    EXPECT_EQ(file.size(), 46u + static_cast<size_t>(sourcePages * stride));
+    EXPECT_EQ(hex(file.substr(28, 8)) + std::to_string(file.size()),
+              hex(le4(46) + le4(-1)) + std::to_string(46 + sourcePages * stride));
     for (int32_t at = 46 + stride; at < static_cast<int32_t>(file.size()); at += stride)
       EXPECT_LT(field(file, static_cast<size_t>(at) + 4), at);
   }
@@ -108,7 +104,7 @@ TEST(BTreeTools, CopiesOfRandomTreesAnswerLikeTheirSource) {
 
 // A compressed record: offset, parent, keyCount, the table of stored key lengths, the keys
 // without padding, the values and the children. An empty tree keeps a record of one empty key.
-TEST(BTreeTools, CompressedRecordsByteForByte) {
+TEST(BTreeTools, CompressedRecordsByteForByteAndTheVersionKept) {
   lltest::TempDir dir;
   const std::string src = dir.file("s.bt"), dst = dir.file("c.bt"), full(20, 'z');
   auto compressed = [&](int order, bool dups, const std::vector<Entry>& entries) {
@@ -131,6 +127,21 @@ TEST(BTreeTools, CompressedRecordsByteForByte) {
   auto record = [](int32_t, const char*, int length) { lengths.push_back(length); };
   for (const std::string& path : {dst, src}) ASSERT_TRUE(BTree(path, true, 0).inOrder(record));
   EXPECT_EQ(lengths, (std::vector<int>{1, 1, 20, 24, 24, 24}));
+  // The oldest version stores long keys little-endian: every copy keeps the version and so the
+  // order, and reads inside a larger file.
+  ASSERT_TRUE(makeTree(src, 3, 20, false, {}));
+  lltest::writeFile(src, lltest::readFile(src).replace(1, 1, "\x01"));  // version 0x00010100
+  {
+    BTree tree(src, false, 0);
+    ASSERT_TRUE(tree.insertKey(7, 1) && tree.insertKey(8, 256));
+  }
+  for (int tool = 0; tool < 3; ++tool) {
+    ASSERT_TRUE(tool == 0 ? compressBTree(src, dst) : tool == 1 ? orderBTree(src, dst) : repackBTree(src, dst, 2));
+    lltest::writeFile(dir.file("in.bin"), std::string(1000, 'J') + lltest::readFile(dst));
+    BTree tree(dir.file("in.bin"), true, 1000);
+    // 256 is 00 01 00 00, before 01 00 00 00.
+    EXPECT_EQ(std::to_string(tree.getVersion()) + " " + steps(tree, "f256 F N"), "65792 8 8 7");
+  }
   EXPECT_EQ(hex(compressed(3, false, {}).substr(46, 36)),
             "2E 00 00 00 FF FF FF FF 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 FF FF FF FF "
             "FF FF FF FF FF FF FF FF ");
@@ -193,26 +204,6 @@ TEST(BTreeTools, RefusalsAndTheirReports) {
   EXPECT_EQ(walk(repacked, false), (std::vector<Entry>{{"key" + std::string(17, '\0'), 1}}));
 }
 
-// The oldest version stores long keys little-endian: every copy keeps the version and so the order,
-// and reads inside a larger file.
-TEST(BTreeTools, VersionAndLongKeysKeptInsideALargerFile) {
-  lltest::TempDir dir;
-  const std::string src = dir.file("s.bt"), dst = dir.file("c.bt"), inside = dir.file("in.bin");
-  ASSERT_TRUE(makeTree(src, 3, 20, false, {}));
-  lltest::writeFile(src, lltest::readFile(src).replace(1, 1, "\x01"));  // version 0x00010100
-  {
-    BTree tree(src, false, 0);
-    ASSERT_TRUE(tree.insertKey(7, 1) && tree.insertKey(8, 256));
-  }
-  for (int tool = 0; tool < 3; ++tool) {
-    ASSERT_TRUE(tool == 0 ? compressBTree(src, dst) : tool == 1 ? orderBTree(src, dst) : repackBTree(src, dst, 2));
-    lltest::writeFile(inside, std::string(1000, 'J') + lltest::readFile(dst));
-    BTree tree(inside, true, 1000);
-    // 256 is 00 01 00 00, before 01 00 00 00.
-    EXPECT_EQ(std::to_string(tree.getVersion()) + " " + steps(tree, "f256 F N"), "65792 8 8 7");
-  }
-}
-
 TEST(BTreeTools, RepackedShapes) {
   // counts: the keys of the root, then of each child's subtree.
   struct { int order, keys, depth; std::vector<int64_t> counts; } rows[] = {
@@ -233,9 +224,8 @@ TEST(BTreeTools, RepackedShapes) {
     BTree source(src, true, 0), target(dst, true, 0);
     std::vector<int64_t> counts(row.counts.size(), 0);  // by the depth of each entry in order
     size_t child = 1;
-    int32_t v = 0;
+    int v = 0, depth = -1, index = -1;
     for (bool more = target.first(v); more && child < counts.size(); more = target.next(v)) {
-      int depth = -1, index = -1;
       target.getCurrentKeyDepthAndIndex(depth, index);
       ++counts[depth == 0 ? 0 : child];
       child += depth == 0;
@@ -301,8 +291,7 @@ TEST(BTreeBulk, ExactBytesAndRefusals) {
   std::vector<Entry> input;
   for (uint32_t k = 1; k <= 7; ++k) input.emplace_back(be4(k), 100 + static_cast<int>(k));
   ASSERT_TRUE(bulkBuildBTree(dir.file("b.btr"), BTreeBulkShape{3, 4, false, 0, 0, 0, 100}, 7, source(input, 4), nullptr));
-  const Shape s{3, 4};
-  s.build(dir.file("e.btr"), {rec(-1, {3, 6}, {1, 2, 3}), rec(0, {1, 2}), rec(0, {4, 5}), rec(0, {7})}, 0);
+  Shape{3, 4}.build(dir.file("e.btr"), {rec(-1, {3, 6}, {1, 2, 3}), rec(0, {1, 2}), rec(0, {4, 5}), rec(0, {7})}, 0);
   EXPECT_EQ(hex(lltest::readFile(dir.file("e.btr"))), hex(lltest::readFile(dir.file("b.btr"))));
   struct { std::vector<Entry> keys; int64_t count; std::string report; } cases[] = {
       {{{"a", 1}, {"c", 1}, {"b", 1}}, 3, "Entry 2 is out of order."},
