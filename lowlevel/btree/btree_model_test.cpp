@@ -181,10 +181,10 @@ TEST_P(BTreeModel, GrowShrinkAndRegrowAcrossReopening) {
 
 constexpr Keys N = Keys::Number, B = Keys::Binary, T = Keys::Text, W = Keys::Wide;
 const Config kConfigs[] = {
-    {2, N, false}, {3, N, false}, {4, N, false}, {5, N, false},   {8, N, false},  {16, N, false}, {64, N, false},
-    {3, N, true},  {4, N, true},  {5, N, true},  {16, N, true},   {3, B, false},  {5, B, false},  {8, B, false},
-    {255, B, false}, {2, T, true}, {3, T, true}, {4, T, true},    {7, T, true},   {255, T, true}, {3, W, false},
-    {8, W, false}, {16, W, true}, {5, B, true},
+    {2, N, false},   {3, N, false}, {4, N, false}, {5, N, false}, {8, N, false}, {16, N, false}, {64, N, false},
+    {3, N, true},    {4, N, true},  {5, N, true},  {16, N, true}, {3, B, false}, {5, B, false},  {8, B, false},
+    {255, B, false}, {5, B, true},  {2, T, true},  {3, T, true},  {4, T, true},  {7, T, true},   {255, T, true},
+    {3, W, false},   {8, W, false}, {16, W, true},
 };
 
 INSTANTIATE_TEST_SUITE_P(Shapes, BTreeModel, ::testing::ValuesIn(kConfigs));

@@ -60,8 +60,7 @@ TEST(BTreeTools, CopiesOfRandomTreesAnswerLikeTheirSource) {
     }
     // A compressed file's offset map is kept by path for the life of the process: new names.
     const std::string n = std::to_string(round);
-    const std::vector<std::string> copies = {dir.file("c.bt"),         dir.file("o.bt"),
-                                             dir.file("r.bt"),         dir.file("r3.bt"),
+    const std::vector<std::string> copies = {dir.file("c.bt"), dir.file("o.bt"), dir.file("r.bt"), dir.file("r3.bt"),
                                              dir.file("c" + n + ".zst"), dir.file("o" + n + ".zst")};
     const std::string before = lltest::readFile(src);
     std::string error;
@@ -277,7 +276,9 @@ TEST(BTreeBulk, SameTreeAsInsertsThenTakesInsertsAndDeletes) {
         const Entry e = input.empty() ? Entry("x", 0) : input[rng() % input.size()];
         const std::string fresh = randomKey(rng, "aBcDe", 1) + "Z";
         const bool erase = rng() % 2;
-        auto apply = [&](BTree& t) { return erase ? t.deleteKey(e.second, e.first.c_str(), 0) : t.insertKey(step, fresh.c_str(), 0); };
+        auto apply = [&](BTree& t) {
+          return erase ? t.deleteKey(e.second, e.first.c_str(), 0) : t.insertKey(step, fresh.c_str(), 0);
+        };
         EXPECT_EQ(apply(inserted), apply(built));
       }
       EXPECT_EQ("", checkModel(built, walk(inserted, false), true));
