@@ -26,40 +26,29 @@ using Entries = std::vector<btreetest::Entry>;
 using lowlevel::platform::IoCall;
 constexpr int kWidth = 20;  // wide enough for compressBTree
 
-std::string keyOf(int i) {
-  char text[16];
-  std::snprintf(text, sizeof text, "key%04d", i);
-  return std::string(text, 7) + std::string(kWidth - 7, '\0');
-}
+std::string keyOf(int i) { return "key" + std::to_string(10000 + i).substr(1) + std::string(kWidth - 7, '\0'); }
 
 // A torn write: the k-th write puts only half its bytes down, and every call after it but closing
 // fails, as when the machine stops in the middle of a write.
-class TornWrite : public lltest::FaultInjector {
- public:
-  explicit TornWrite(int k) : lltest::FaultInjector({IoCall::Write}), k_(k) {}
+struct TornWrite : lltest::FaultInjector {
+  explicit TornWrite(int at) : FaultInjector({IoCall::Write}), k(at) {}
   bool shouldFail(IoCall call, int handle) override {
-    if (torn_ && call != IoCall::Close) return ++failures > 0;
-    return lltest::FaultInjector::shouldFail(call, handle);
+    return torn && call != IoCall::Close ? ++failures > 0 : FaultInjector::shouldFail(call, handle);
   }
   unsigned limitBytes(IoCall call, int, unsigned n) override {
-    if (call != IoCall::Write || count != k_ || torn_) return n;
-    torn_ = true;
-    ++failures;
+    if (call != IoCall::Write || count != k || torn) return n;
+    torn = ++failures > 0;
     return n / 2;
   }
-
- private:
-  int k_;
-  bool torn_ = false;
+  int k;
+  bool torn = false;
 };
 
 // A change runs on the tree opened from the work file; a copy goes from the work file to the
 // target. Each updates `model` to what a run without faults gives.
-struct Operation {
-  const char* name;
-  std::function<bool(BTree&, Model&)> change;
-  std::function<bool(const std::string&, const std::string&, Model&)> copy;
-};
+using Change = std::function<bool(BTree&, Model&)>;
+using Copy = std::function<bool(const std::string& source, const std::string& target, Model&)>;
+struct Operation { const char* name; Change change; Copy copy; };
 
 const std::vector<Operation> kOperations = {
     {"insertKey",
@@ -71,13 +60,10 @@ const std::vector<Operation> kOperations = {
      },
      nullptr},
     {"deleteKey",
-     [](BTree& tree, Model& model) {
-       // The three smallest: the leftmost leaves fall below half and merge upwards.
+     [](BTree& tree, Model& model) {  // the three smallest: the leftmost leaves fall below half and merge
        bool ok = true;
-       for (int n = 0; n < 3 && ok && !model.empty(); ++n) {
-         ok = tree.deleteKey(model.begin()->first.data(), kWidth);
-         model.erase(model.begin());
-       }
+       for (int n = 0; n < 3; ++n)
+         ok = ok && tree.deleteKey(model.begin()->first.data(), kWidth) && model.erase(model.begin()->first);
        return ok;
      },
      nullptr},
@@ -90,17 +76,13 @@ const std::vector<Operation> kOperations = {
     {"replaceValue",
      [](BTree& tree, Model& model) {
        auto middle = std::next(model.begin(), static_cast<long>(model.size() / 2));
-       middle->second = -7;
-       return tree.replaceValue(-7, middle->first.data(), kWidth);
+       return tree.replaceValue(middle->second = -7, middle->first.data(), kWidth);
      },
      nullptr},
     {"create", nullptr,
      [](const std::string&, const std::string& target, Model& model) {
-       BTree tree(target, 3, kWidth, false, 0, 0, 0);
-       bool ok = tree.isOk();
-       model.clear();
-       for (int i : {5, 6, 7}) ok = ok && tree.insertKey(model[keyOf(i)] = i, keyOf(i).data(), kWidth);
-       return ok;
+       model = {{keyOf(5), 5}, {keyOf(6), 6}, {keyOf(7), 7}};
+       return btreetest::makeTree(target, 3, kWidth, false, Entries(model.begin(), model.end()));
      }},
     {"compressBTree", nullptr, [](const std::string& s, const std::string& t, Model&) { return compressBTree(s, t); }},
     {"orderBTree", nullptr, [](const std::string& s, const std::string& t, Model&) { return orderBTree(s, t); }},
@@ -113,10 +95,8 @@ class Faults : public ::testing::TestWithParam<int> {
   void SetUp() override {
     const int levels = GetParam(), keys[] = {0, 3, 9, 27};
     BTree tree(source_, 3, kWidth, false, 0, 0, 0);
-    for (int i = 0; i < keys[levels]; ++i) {
-      ASSERT_TRUE(tree.insertKey(i * 10, keyOf(i * 10).data(), kWidth));
-      model_[keyOf(i * 10)] = i * 10;
-    }
+    for (int i = 0; i < keys[levels]; ++i)
+      ASSERT_TRUE(tree.insertKey(model_[keyOf(i * 10)] = i * 10, keyOf(i * 10).data(), kWidth));
     ASSERT_EQ(tree.depth(), levels);
   }
 
@@ -126,17 +106,14 @@ class Faults : public ::testing::TestWithParam<int> {
                      bool relaxed = false) {
     const size_t cap = lltest::readFile(path).size() + 64;  // no file holds more entries than bytes
     BTree tree(path, true, 0);
-    if (!tree.isOk()) {
-      EXPECT_FALSE(exact) << what;
-      return;
-    }
+    EXPECT_TRUE(tree.isOk() || !exact) << what;
+    if (!tree.isOk()) return;
     const Entries forward = btreetest::walk(tree, false, cap);
     EXPECT_TRUE(forward.size() < cap && btreetest::walk(tree, true, cap).size() < cap) << what;
     tree.test(false, nullptr, nullptr, nullptr);
-    if (exact) {
-      EXPECT_EQ(forward, Entries(expected.begin(), expected.end())) << what;
-      EXPECT_TRUE(tree.test(relaxed, nullptr, nullptr, nullptr)) << what;  // every page full enough
-    }
+    const Entries want(expected.begin(), expected.end());
+    EXPECT_EQ(exact ? forward : want, want) << what;
+    EXPECT_TRUE(!exact || tree.test(relaxed, nullptr, nullptr, nullptr)) << what;  // every page full enough
   }
 
   lltest::RecordingSupport support_;  // keeps the reports of the damaged runs off the console
@@ -160,14 +137,10 @@ TEST_P(Faults, EveryCallOfEveryOperation) {
         {
           std::unique_ptr<lltest::FaultInjector> faults(torn ? new TornWrite(k) : new lltest::FaultInjector());
           if (!torn) faults->failAt = {k};
-          if (op.change) {
-            BTree tree(work_, false, 0);
-            result = tree.isOk() && op.change(tree, expected);
-            beforeClose = faults->failures;
-          } else {
-            result = op.copy(work_, target_, expected);
-            beforeClose = faults->failures;
-          }
+          std::unique_ptr<BTree> tree(op.change ? new BTree(work_, false, 0) : nullptr);
+          result = tree ? tree->isOk() && op.change(*tree, expected) : op.copy(work_, target_, expected);
+          beforeClose = faults->failures;
+          tree.reset();
           injected = faults->failures > 0;
         }
         const std::string what = std::string(op.name) + (torn ? " torn write " : " failed call ") + std::to_string(k);
@@ -177,16 +150,10 @@ TEST_P(Faults, EveryCallOfEveryOperation) {
         // tree is closed) repairs them. After a torn write nothing reaches the disk any more, so a
         // true answer may leave a damaged file, as may a fault in the closing header write.
         const bool exact = result && (!injected || (!torn && beforeClose > 0));
-        if (op.change) {
-          checkLeftOver(work_, exact, expected, what);
-        } else {
-          EXPECT_EQ(lltest::readFile(work_), pristine) << what;
-          if (lltest::fileExists(target_)) {
-            checkLeftOver(target_, exact, expected, what, std::string(op.name) == "repackBTree");
-          } else {
-            EXPECT_FALSE(result) << what;
-          }
-        }
+        EXPECT_TRUE(op.change || lltest::readFile(work_) == pristine) << what;  // a copy leaves its source
+        const std::string& left = op.change ? work_ : target_;
+        EXPECT_TRUE(!result || lltest::fileExists(left)) << what;
+        checkLeftOver(left, exact, expected, what, std::string(op.name) == "repackBTree");
       }
       EXPECT_GT(k, 3) << op.name;
     }
@@ -201,8 +168,7 @@ TEST_P(Faults, ReadsStopCleanly) {
   auto prefix = [&](const Entries& m) { return m.size() <= all.size() && std::equal(m.begin(), m.end(), all.begin()); };
   for (int k = 1, failures = 1; failures > 0; ++k) {
     SCOPED_TRACE(k);
-    lltest::FaultInjector faults;
-    faults.failAt = {k};
+    lltest::FailCalls faults(lltest::FaultInjector::allCalls(), {k});
     BTree tree(source_, true, 0);
     const Entries forward = tree.isOk() ? btreetest::walk(tree, false, 1000) : Entries();
     inOrder.clear();

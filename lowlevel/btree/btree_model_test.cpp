@@ -60,10 +60,6 @@ class BTreeModel : public ::testing::TestWithParam<Config> {
     }
     return k;
   }
-  int32_t randomValue() {
-    if (c.dups && pick(3) == 0) return pick(4) - 2;  // collisions, and values with the sign bit
-    return static_cast<int32_t>(rng());
-  }
   std::string slot(const Key& k, int32_t value) const {
     std::string s = k.bytes.substr(0, static_cast<size_t>(width));
     s.resize(static_cast<size_t>(width), '\0');
@@ -80,7 +76,7 @@ class BTreeModel : public ::testing::TestWithParam<Config> {
   void step(int insertShare) {
     const int roll = pick(100);
     Key k = randomKey();
-    int32_t v = randomValue();
+    int32_t v = c.dups && pick(3) == 0 ? pick(4) - 2 : static_cast<int32_t>(rng());  // collisions, negatives
     if (roll >= insertShare && !model.empty() && roll % 3 != 0) {  // an entry that is there
       auto it = std::next(model.begin(), pick(static_cast<int>(model.size())));
       k = {visible(it->first), width};  // as a caller gives it: the whole visible slot
@@ -98,10 +94,9 @@ class BTreeModel : public ::testing::TestWithParam<Config> {
       ASSERT_EQ(tree->replaceValue(v ^ 0x5A5A, k.bytes.data(), k.length), at != model.end()) << "replace";
       if (at != model.end()) at->second = v ^ 0x5A5A;
     } else {
-      const bool done = c.dups ? tree->deleteKey(v, k.bytes.data(), k.length)
-                               : tree->deleteKey(k.bytes.data(), k.length);
-      ASSERT_EQ(done, at != model.end()) << "delete";
-      if (done) model.erase(at);
+      ASSERT_EQ(c.dups ? tree->deleteKey(v, k.bytes.data(), k.length) : tree->deleteKey(k.bytes.data(), k.length),
+                at != model.end()) << "delete";
+      if (at != model.end()) model.erase(at);
     }
   }
 
@@ -155,17 +150,12 @@ class BTreeModel : public ::testing::TestWithParam<Config> {
     ASSERT_EQ(pages + free, records);
   }
 
-  void runUntil(size_t size, int insertShare) {
-    for (int n = 1; model.size() != size && n < 40000 && !HasFatalFailure(); ++n) {
+  void runUntil(int size, int insertShare) {
+    for (int n = 1; model.size() != static_cast<size_t>(size) && n < 40000 && !HasFatalFailure(); ++n) {
       step(insertShare);
       if (n % 150 == 0 && !HasFatalFailure()) verify();
     }
     if (!HasFatalFailure()) verify();
-  }
-  void reopen() {
-    tree.reset();
-    tree = std::make_unique<BTree>(path(), false, 0);
-    ASSERT_EQ(tree->getKeyCount(), static_cast<int>(model.size())) << "count written on closing";
   }
 
   Config c{};
@@ -177,34 +167,26 @@ class BTreeModel : public ::testing::TestWithParam<Config> {
 };
 
 TEST_P(BTreeModel, GrowShrinkAndRegrowAcrossReopening) {
-  ASSERT_NO_FATAL_FAILURE(runUntil(static_cast<size_t>(target), 75));
-  ASSERT_NO_FATAL_FAILURE(reopen());
-  ASSERT_NO_FATAL_FAILURE(runUntil(0, 30));
-  ASSERT_NO_FATAL_FAILURE(runUntil(static_cast<size_t>(target) / 2, 90));
-  ASSERT_NO_FATAL_FAILURE(reopen());
-  ASSERT_NO_FATAL_FAILURE(runUntil(0, 10));
+  const int plan[][3] = {{target, 75, 1}, {0, 30, 0}, {target / 2, 90, 1}, {0, 10, 0}};  // size, % inserts, reopen
+  for (const auto& p : plan) {
+    ASSERT_NO_FATAL_FAILURE(runUntil(p[0], p[1]));
+    if (p[2] == 0) continue;
+    tree.reset();
+    tree = std::make_unique<BTree>(path(), false, 0);
+    ASSERT_EQ(tree->getKeyCount(), static_cast<int>(model.size())) << "count written on closing";
+  }
   int32_t value = 0;
   EXPECT_FALSE(tree->depth() != 0 || tree->first(value));
 }
 
-std::vector<Config> configs() {
-  std::vector<Config> out;
-  for (int order : {2, 3, 4, 5, 8, 16, 64}) out.push_back({order, Keys::Number, false});
-  for (int order : {3, 4, 5, 16}) out.push_back({order, Keys::Number, true});
-  for (int order : {3, 5, 8, 255}) out.push_back({order, Keys::Binary, false});
-  for (int order : {2, 3, 4, 7, 255}) out.push_back({order, Keys::Text, true});
-  for (int order : {3, 8}) out.push_back({order, Keys::Wide, false});
-  out.push_back({16, Keys::Wide, true});
-  out.push_back({5, Keys::Binary, true});
-  return out;
-}
+constexpr Keys N = Keys::Number, B = Keys::Binary, T = Keys::Text, W = Keys::Wide;
+const Config kConfigs[] = {
+    {2, N, false},   {3, N, false}, {4, N, false}, {5, N, false}, {8, N, false}, {16, N, false}, {64, N, false},
+    {3, N, true},    {4, N, true},  {5, N, true},  {16, N, true}, {3, B, false}, {5, B, false},  {8, B, false},
+    {255, B, false}, {5, B, true},  {2, T, true},  {3, T, true},  {4, T, true},  {7, T, true},   {255, T, true},
+    {3, W, false},   {8, W, false}, {16, W, true},
+};
 
-std::string name(const ::testing::TestParamInfo<Config>& info) {
-  const char* kinds[] = {"Number", "Binary", "Text", "Wide"};
-  return "Order" + std::to_string(info.param.order) + kinds[static_cast<int>(info.param.keys)] +
-         (info.param.dups ? "Dups" : "");
-}
-
-INSTANTIATE_TEST_SUITE_P(Shapes, BTreeModel, ::testing::ValuesIn(configs()), name);
+INSTANTIATE_TEST_SUITE_P(Shapes, BTreeModel, ::testing::ValuesIn(kConfigs));
 
 }  // namespace
