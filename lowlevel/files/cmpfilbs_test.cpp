@@ -121,7 +121,7 @@ TEST_F(CompressedFileTest, HandlesFromOutsideAndPrivateMaps) {
   EXPECT_EQ(0, io::close(fds[0]) + io::close(fds[1]));
   h = io::open(path.c_str(), io::kOpenReadOnly, 0);
   {
-    lltest::FailCalls faults({IoCall::Stat}, {1});
+    lltest::FaultInjector faults({IoCall::Stat}, {1});
     EXPECT_EQ("plain", Probe(h).kind());
   }
   EXPECT_EQ(lltest::reportsText(host.reports), "Unable to retrieve stat for file handle.|"
@@ -157,7 +157,7 @@ TEST_F(CompressedFileTest, FailedExpansionsGiveShortCountsAndNeverStaleBytes) {
   EXPECT_EQ(data.substr(10, 50), readAt(g, 10, 50));
   std::unique_ptr<Probe> blind;
   {
-    lltest::FailCalls faults({IoCall::Length}, {1});  // a copy that cannot read the chunk table
+    lltest::FaultInjector faults({IoCall::Length}, {1});  // a copy that cannot read the chunk table
     blind = std::make_unique<Probe>(g);
   }
   EXPECT_EQ("", readAt(*blind, 0, 10));  // reads nothing

@@ -14,7 +14,7 @@
 namespace io = lowlevel::platform;
 namespace fs = std::filesystem;
 using io::IoCall;
-using lltest::FailCalls;
+using lltest::FaultInjector;
 
 struct ZFileTestAccess {
   // "cd", "other" or "none": the list that holds the file; "broken" when it is listed twice.
@@ -24,15 +24,16 @@ struct ZFileTestAccess {
     return cd + other > 1 ? "broken" : cd == 1 ? "cd" : other == 1 ? "other" : "none";
   }
   static size_t listed() { return ZFile::m_vCdFiles.size() + ZFile::m_vNonCdFiles.size(); }
+  // Each file's list, then "+" while it is open, "-" while not, "@N" while parked at position N.
+  static std::string state(const std::vector<const ZFile*>& files) {
+    std::string out;
+    for (const ZFile* f : files)
+      out += " " + where(*f) + (f->m_bReopenPending ? "@" + std::to_string(f->m_lSavedPosition)
+                                : f->IsOpen() ? "+" : "-");
+    return out;
+  }
 };
 using Access = ZFileTestAccess;
-
-// The list that holds each file, then "+" while it is open or "-" while it is not.
-static std::string state(std::initializer_list<const ZFile*> files) {
-  std::string out;
-  for (const ZFile* f : files) out += Access::where(*f) + (f->IsOpen() ? "+" : "-");
-  return out;
-}
 
 const unsigned short kRead = io::kOpenReadOnly;
 
@@ -41,10 +42,11 @@ class ZFileTest : public ::testing::Test, public lltest::RecordingSupport {
  protected:
   const char* getCdPath(eCDVolType volume, bool bRetry, bool bHostFlag) override {
     const char* answer = RecordingSupport::getCdPath(volume, bRetry, bHostFlag);
-    return bRetry && !retryAnswer.empty() ? retryAnswer.c_str() : answer;
+    return bRetry && answers.count("retry") != 0 ? answers["retry"].c_str() : answer;
   }
   const char* requestCdVolume(eCDVolType volume, bool bHostFlag) override {
     if (park) ZFile::CloseAll(ZFile::eAllFiles);  // the host may park files meanwhile
+    ++requests;
     return RecordingSupport::requestCdVolume(volume, bHostFlag);
   }
   void SetUp() override {
@@ -56,7 +58,7 @@ class ZFileTest : public ::testing::Test, public lltest::RecordingSupport {
     ASSERT_TRUE(lowlevel::compression::compressToSeekable(data, {100, 3, true}, &packed, nullptr));
     lltest::writeFile(slotA + "/packed.zst", packed);
     cdCount = 2;
-    cdPaths = {{1, slotA + "/"}};
+    answers["c1"] = slotA + "/";
   }
   void TearDown() override { EXPECT_EQ(listedBefore, Access::listed()); }
   // Moves the disc of volume 1 to the other slot.
@@ -65,14 +67,21 @@ class ZFileTest : public ::testing::Test, public lltest::RecordingSupport {
     fs::rename(slotA, slotB);
     fs::create_directory(slotA);
     std::swap(slotA, slotB);
-    cdPaths[0].second = slotA + "/";
+    answers["c1"] = slotA + "/";
   }
+  // A step's result, the state of the files `shown`, and what the host was asked or told since.
+  void check(const std::string& result, const std::string& want) {
+    EXPECT_EQ(want, result + Access::state(shown) + " " + log);
+    log.clear();
+  }
+  void check(int32_t result, const std::string& want) { check(std::to_string(result), want); }
 
-  size_t listedBefore = Access::listed();
+  size_t listedBefore = Access::listed(), requests = 0;
   lltest::TempDir dir;
   std::string slotA = dir.file("slotA"), slotB = dir.file("slotB"), plain = dir.file("plain.bin");
   bool park = false;
-  std::string data = lltest::randomBytes(700, 5), retryAnswer;
+  std::string data = lltest::randomBytes(700, 5);
+  std::vector<const ZFile*> shown;
 };
 
 // Seeded scripts of Seek, Read, Position, Length and GetHandle on a plain and on a compressed file
@@ -82,8 +91,8 @@ class ZFileTest : public ::testing::Test, public lltest::RecordingSupport {
 TEST_F(ZFileTest, ScriptsMatchTheBytesThroughFailuresParkingCopiesAndReopens) {
   std::mt19937 rng(5);
   const int32_t length = static_cast<int32_t>(data.size());
-  size_t requests = 0;
-  requestAnswer = "again";
+  size_t expected = 0;
+  answers["request"] = "again";
   for (int script = 0; script < 40; ++script) {
     bool copied = false;  // a copy is never listed, an object opened by name is
     const bool packed = script % 2 == 1;  // expanded positions: seeks clamp, from the end go back
@@ -92,12 +101,11 @@ TEST_F(ZFileTest, ScriptsMatchTheBytesThroughFailuresParkingCopiesAndReopens) {
     auto f = std::make_unique<ZFile>(path, flags, 0);
     int32_t pos = 0;
     for (int step = 0; step < 40; ++step) {
-      SCOPED_TRACE(std::to_string(script) + " " + std::to_string(step));
       const int op = static_cast<int>(rng() % 10);
       // A failed call of a plain file asks for the volume and is made once more; the host parks
       // every file meanwhile now and then. (A compressed file's read fails short, see cmpfilbs.)
       const bool fail = !packed && op < 7 && rng() % 3 == 0;
-      FailCalls faults({IoCall::Read, IoCall::Seek, IoCall::Tell, IoCall::Length},
+      FaultInjector faults({IoCall::Read, IoCall::Seek, IoCall::Tell, IoCall::Length},
                        fail ? std::set<int>{1} : std::set<int>{});
       park = rng() % 2;
       bool failed = false;
@@ -132,9 +140,9 @@ TEST_F(ZFileTest, ScriptsMatchTheBytesThroughFailuresParkingCopiesAndReopens) {
         pos = 0;
         copied = false;
       }
-      ASSERT_EQ(copied ? "none" : "cd", Access::where(*f));
-      requests += failed || faults.failures > 0;
-      ASSERT_EQ(requests, volumeRequests.size());  // one request for each failed operation
+      expected += failed || faults.failures > 0;  // one request for each failed operation
+      ASSERT_EQ((copied ? "none " : "cd ") + std::to_string(expected),
+                Access::where(*f) + " " + std::to_string(requests)) << script << " " << step;
     }
   }
 }
@@ -142,82 +150,71 @@ TEST_F(ZFileTest, ScriptsMatchTheBytesThroughFailuresParkingCopiesAndReopens) {
 // Opens through locations and volume prefixes, the second attempt of a failed volume open, and a
 // failed operation made once more only when the host answers the request for the volume.
 TEST_F(ZFileTest, OpensResolveLocationsAndFailuresAskForAVolumeOnceMore) {
-  retryAnswer = slotA + "/";
-  cdPaths[0].second = slotB + "/";  // the first answer is the wrong directory
-  locationNames = {"DISC"};
-  locationDirs = {"cd:"};
+  answers["retry"] = slotA + "/";
+  answers["c1"] = slotB + "/";  // the first answer is the wrong directory
+  answers["DISC"] = "cd:";
   // g: reported, then opened. Relative, as a drive letter's colon would keep the location away.
   const fs::path cwd = fs::current_path();
   fs::current_path(dir.path());
-  ZFile f("data.bin", "DISC", kRead, 0), g("plain.bin", "NOPE", kRead, 0);
+  ZFile f("data.bin", "DISC", kRead, 0), g("plain.bin", "NOPE", kRead, 0), e, h;
   fs::current_path(cwd);
-  EXPECT_EQ("cd+other+1", state({&f, &g}) + std::to_string(reports.size()));
-  retryAnswer = slotB + "/";
-  EXPECT_FALSE(f.Open("cd:data.bin", kRead, 0));  // a failed open stays listed, closed
-  EXPECT_EQ("cd- -1 -1", state({&f}) + " " + std::to_string(f.Read(nullptr, 0)) + " " +
-                             std::to_string(f.Position()));
-  retryAnswer.clear();
-  cdPaths[0].second = slotA + "/";
+  shown = {&f, &g, &e, &h};
+  check(0, "0 cd+ other+ none- none- path 1 0 0;path 1 1 0;No location given for files.\n"
+           "Entry: NOPE\n|ZFile::BuildPath|2|file\n");
+  answers["retry"] = slotB + "/";  // a failed open stays listed, closed
+  check(f.Open("cd:data.bin", kRead, 0), "0 cd- other+ none- none- path 1 0 0;path 1 1 0;");
+  check(f.Read(nullptr, 0) + f.Position(), "-2 cd- other+ none- none- ");
+  answers.erase("retry");
+  answers["c1"] = slotA + "/";
   {
-    FailCalls faults({IoCall::Open}, {1});  // the second attempt asks again and succeeds
-    EXPECT_TRUE(f.Open("cd:data.bin", kRead, 0));
+    FaultInjector faults({IoCall::Open}, {1});  // the second attempt asks again and succeeds
+    check(f.Open("cd:data.bin", kRead, 0), "1 cd+ other+ none- none- path 1 0 0;path 1 1 0;");
   }
-  exeDir = slotB.c_str();
-  ZFile e("ed:/data.bin", kRead, 0);  // on no volume: no second attempt
-  cdPaths.clear();
-  ZFile h("cd:data.bin", kRead, 0);  // does not resolve: not listed
-  EXPECT_EQ("other-none-", state({&e, &h}));
-  EXPECT_EQ("1 0 0,1 1 0,1 0 0,1 1 0,1 0 0,1 1 0,1 0 0", lltest::cdPathCallsText(*this));
-  EXPECT_TRUE(volumeRequests.empty());
-  cdPaths = {{1, slotA + "/"}};
-  lltest::FaultInjector faults({IoCall::Read, IoCall::Close});
+  answers["ed"] = slotB;
+  check(e.Open("ed:/data.bin", kRead, 0), "0 cd+ other+ other- none- ");  // no second attempt
+  answers.erase("c1");
+  check(h.Open("cd:data.bin", kRead, 0), "0 cd+ other+ other- none- path 1 0 0;");  // unlisted
+  answers["c1"] = slotA + "/";
+  FaultInjector faults({IoCall::Read, IoCall::Close});
   faults.failFrom = 1;
-  requestAnswer = "again";
-  std::string trace = lltest::readSome(f, 4);
-  trace += std::to_string(faults.count);  // exactly one second try
-  requestAnswer = nullptr;
-  trace += lltest::readSome(f, 4);
-  trace += std::to_string(faults.count);  // no answer: no second try
-  EXPECT_EQ("<-1>2<-1>3<-1>", trace + lltest::readSome(g, 1));
-  EXPECT_EQ((std::vector<int>{1, 1, 0}), volumeRequests);  // 0: on no volume
-  EXPECT_FALSE(g.Close());  // a failed close leaves the lists all the same
-  EXPECT_EQ("none-", state({&g}));
+  answers["request"] = "again";
+  std::string got = lltest::readSome(f, 4);
+  check(got + std::to_string(faults.count), "<-1>2 cd+ other+ other- none- request 1;");  // 1 retry
+  answers.erase("request");
+  got = lltest::readSome(f, 4);
+  check(got + std::to_string(faults.count), "<-1>3 cd+ other+ other- none- request 1;");  // none
+  check(lltest::readSome(g, 1), "<-1> cd+ other+ other- none- request 0;");  // 0: on no volume
+  check(g.Close(), "0 cd+ none- other- none- ");  // a failed close leaves the lists all the same
 }
 
 TEST_F(ZFileTest, ListsAndWhatCloseAllParks) {
-  cdPaths.push_back({3, slotA + "/"});
+  answers["c3"] = slotA + "/";
   ZFile cd("c2:data.bin", kRead, 0), other(plain, kRead, 0);
   ZFile wrapped(io::open(plain.c_str(), kRead, 0)), copy(cd), failed("c2:none.bin", kRead, 0);
-  other.Seek(5, 0);
-  std::string trace;
-  for (int types : {7, 2, 0}) {  // an unknown type parks nothing
-    ZFile::CloseAll(static_cast<ZFile::eFileTypes>(types));
-    trace += state({&cd, &other, &wrapped, &copy, &failed}) + " ";
-  }
-  EXPECT_EQ("cd+other+none+none+cd- cd+other-none+none+cd- cd-other-none+none+cd- ", trace);
-  ZFile copyOfParked(cd);  // carries the pending mark: re-opens on first use, unlisted
-  EXPECT_EQ(data.substr(0, 3) + data.substr(5, 3),
-            lltest::readSome(copyOfParked, 3) + lltest::readSome(other, 3));
-  EXPECT_EQ("none+cd-other+", state({&copyOfParked, &cd, &other}));
+  shown = {&cd, &other, &wrapped, &copy, &failed};
+  check(other.Seek(5, 0), "5 cd+ other+ none+ none+ cd- path 3 0 0;path 3 0 0;path 3 1 0;");
+  ZFile::CloseAll(static_cast<ZFile::eFileTypes>(7));  // an unknown type parks nothing
+  check(7, "7 cd+ other+ none+ none+ cd- ");
+  ZFile::CloseAll(ZFile::eNonCdFiles);
+  check(2, "2 cd+ other@5 none+ none+ cd- ");
+  ZFile::CloseAll(ZFile::eAllFiles);
+  check(0, "0 cd@0 other@5 none+ none+ cd- ");
+  check(lltest::readSome(other, 3) == data.substr(5, 3), "1 cd@0 other+ none+ none+ cd- ");
   {
-    FailCalls faults({IoCall::Tell}, {1});  // a position not told at parking time comes back as 0
+    FaultInjector faults({IoCall::Tell}, {1});  // a position not told when parked comes back as 0
     ZFile::CloseAll(ZFile::eNonCdFiles);
   }
-  EXPECT_EQ(0, other.Position());
-  // Each call's result, then the list that holds cd.
-  auto step = [&](int32_t result) { trace += std::to_string(result) + Access::where(cd) + " "; };
-  trace.clear();
+  check(0, "0 cd@0 other@0 none+ none+ cd- ");
   cdCount = 1;  // "c2:" is no prefix any more: the re-open tries a plain path, fails, moves lists
-  step(cd.Position());
+  check(cd.Position(), "-1 other@0 other@0 none+ none+ cd- ");
   cdCount = 2;
-  step(cd.Position());
+  check(cd.Position(), "0 cd+ other@0 none+ none+ cd- path 3 0 0;");
   ZFile::CloseAll(ZFile::eAllFiles);
-  step(cd.Open(plain, kRead, 0));  // a parked file opened anew
-  step(cd.Open("cd:data.bin", kRead, 0) && failed.Open("cd:data.bin", kRead, 0));
-  EXPECT_EQ("-1other 0cd 1other 1cd cd", trace + Access::where(failed));
+  check(cd.Open(plain, kRead, 0), "1 other+ other@0 none+ none+ cd- ");  // opened anew
+  check(cd.Open("cd:data.bin", kRead, 0), "1 cd+ other@0 none+ none+ cd- path 1 0 0;");
+  check(failed.Open("cd:data.bin", kRead, 0), "1 cd+ other@0 none+ none+ cd+ path 1 0 0;");
   ZFile::CloseAll(ZFile::eAllFiles);
-  EXPECT_FALSE(cd.Close());  // Close on a parked file ends its re-open
-  EXPECT_EQ("none-", state({&cd}));
-  EXPECT_EQ(-2, cd.Read(nullptr, 0) + cd.GetHandle());
-  EXPECT_TRUE(wrapped.Close());
+  check(cd.Close(), "0 none- other@0 none+ none+ cd@0 ");  // ends a parked file's re-open
+  check(cd.Read(nullptr, 0) + cd.GetHandle(), "-2 none- other@0 none+ none+ cd@0 ");
+  check(wrapped.Close(), "1 none- other@0 none- none+ cd@0 ");
 }

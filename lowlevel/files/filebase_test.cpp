@@ -64,7 +64,7 @@ TEST(FileBase, OwnershipDecidesWhatIsClosed) {
   EXPECT_TRUE(ZFileBase(0).IsOpen());  // handle 0 is open
   EXPECT_FALSE(negative.Close());
   {
-    lltest::FailCalls faults({io::IoCall::Open}, {1});
+    lltest::FaultInjector faults({io::IoCall::Open}, {1});
     EXPECT_FALSE(ZFileBase(path, io::kOpenReadOnly, 0).IsOpen());
   }
   ZFileBase f(path, io::kOpenReadOnly, 0);
