@@ -15,16 +15,14 @@ static std::string open(std::initializer_list<int> handles) {
   return out;
 }
 
-// Position, Length, Seek(1, 0), Read and Write of one byte, SeekToEnd and SeekToBegin.
+// Position, Length, Seek(1, 0), Read and Write of one byte, SeekToEnd, SeekToBegin, a Read of -1
+// bytes and IsOpen, in this order (a braced list is evaluated in order).
 static std::string results(ZFileBase& f) {
   char c;
   std::string out;
-  for (int step = 0; step < 8; ++step) {
-    const int32_t r = step == 0 ? f.Position() : step == 1 ? f.Length() : step == 2 ? f.Seek(1, 0)
-                      : step == 3 ? f.Read(&c, 1) : step == 4 ? f.Write("w", 1)
-                      : step == 5 ? f.SeekToEnd() : step == 6 ? f.SeekToBegin() : f.Read(&c, -1);
-    out += (step ? " " : "") + std::to_string(r);
-  }
+  for (int32_t r : {f.Position(), f.Length(), f.Seek(1, 0), f.Read(&c, 1), f.Write("w", 1),
+                    f.SeekToEnd(), f.SeekToBegin(), f.Read(&c, -1), int32_t{f.IsOpen()}})
+    out += std::to_string(r) + " ";
   return out;
 }
 
@@ -37,7 +35,7 @@ TEST(FileBase, OwnershipDecidesWhatIsClosed) {
     ZFileBase wrapped(h), copy(wrapped);  // a duplicate, owned though the source is not
     copyHandle = copy.GetHandle();
     EXPECT_EQ(3, copy.Seek(3, 0));
-    EXPECT_EQ("3 10 1 1 -1 10 0 -1", results(wrapped));
+    EXPECT_EQ("3 10 1 1 -1 10 0 -1 1 ", results(wrapped));
     EXPECT_FALSE(wrapped.Open(dir.file("other"), io::kOpenCreate | io::kOpenReadWrite, 0600));
     EXPECT_EQ(h, wrapped.GetHandle());  // open already: left alone, nothing created
     ZFileBase assigned;
@@ -52,14 +50,15 @@ TEST(FileBase, OwnershipDecidesWhatIsClosed) {
     EXPECT_FALSE(wrapped.Close());
     EXPECT_TRUE(wrapped.Open(path, io::kOpenReadWrite, 0));  // still not owning afterwards
     opened = wrapped.GetHandle();
-    EXPECT_EQ("0 10 1 1 1 10 0 -1", results(wrapped));
+    EXPECT_EQ("0 10 1 1 1 10 0 -1 1 ", results(wrapped));
     wrapped.Flush();
   }
   EXPECT_EQ("1", open({opened}));
   EXPECT_EQ("01w3456789", lltest::readFile(path));
   io::close(opened);
   ZFileBase closed, closedCopy(closed), negative(-7);
-  EXPECT_EQ("-1 -1 -1 -1 -1 -1 -1 -1", results(closedCopy));
+  for (ZFileBase* x : {&closedCopy, &negative})
+    EXPECT_EQ("-1 -1 -1 -1 -1 -1 -1 -1 0 ", results(*x));
   EXPECT_EQ(-2, closedCopy.GetHandle() + negative.GetHandle());
   EXPECT_TRUE(ZFileBase(0).IsOpen());  // handle 0 is open
   EXPECT_FALSE(negative.Close());
@@ -71,7 +70,7 @@ TEST(FileBase, OwnershipDecidesWhatIsClosed) {
   h = f.GetHandle();
   lltest::FaultInjector faults;  // every call on the handle fails
   faults.failHandle = h;
-  EXPECT_EQ("-1 -1 -1 -1 -1 -1 -1 -1", results(f));
+  EXPECT_EQ("-1 -1 -1 -1 -1 -1 -1 -1 1 ", results(f));
   ZFileBase copy(f);  // a failed duplicate is dropped
   EXPECT_FALSE(f.Close() || copy.IsOpen() || f.IsOpen());  // a failed close leaves it closed
   EXPECT_EQ("0", open({h}));

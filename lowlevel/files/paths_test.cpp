@@ -27,7 +27,8 @@ TEST(LogicalPaths, PrefixesLocationsAndVolumes) {
       {"c12:x", "/v12/x"}, {"Ed:Prog", "X:\\exe\\Prog"}, {"iD:lib", "X:\\instlib"},
       {"UD:", "X:\\upd\\"}, {"c13:f", "c13:f"}, {"C:\\d\\f", "C:\\d\\f"}, {"c0:x", "c0:x"},
       {"c01:x", "c01:x"}, {"c:x", "c:x"}, {"c1x", "c1x"}, {"c", "c"}, {"", ""}, {"xd:f", "xd:f"},
-      {" cd:f", " cd:f"}, {"c-1:f", "c-1:f"}, {"c99999999999999999999:f", "c99999999999999999999:f"}};
+      {" cd:f", " cd:f"}, {"c-1:f", "c-1:f"},
+      {"c99999999999999999999:f", "c99999999999999999999:f"}};
   for (const auto& c : cases) EXPECT_EQ(std::string("true|") + c[1], resolve(c[0])) << c[0];
   EXPECT_EQ("false|c3:f", resolve("c3:f", true));  // volume 3 (number 4) has no directory
   // VerifyCd asks only for volumes that exist: 13 is above the count.
