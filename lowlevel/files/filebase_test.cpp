@@ -61,11 +61,7 @@ TEST(FileBase, OwnershipDecidesWhatIsClosed) {
     EXPECT_EQ("-1 -1 -1 -1 -1 -1 -1 -1 0 ", results(*x));
   EXPECT_EQ(-2, closedCopy.GetHandle() + negative.GetHandle());
   EXPECT_TRUE(ZFileBase(0).IsOpen());  // handle 0 is open
-  EXPECT_FALSE(negative.Close());
-  {
-    lltest::FaultInjector faults({io::IoCall::Open}, {1});
-    EXPECT_FALSE(ZFileBase(path, io::kOpenReadOnly, 0).IsOpen());
-  }
+  EXPECT_FALSE(negative.Close() || ZFileBase(dir.file("none"), io::kOpenReadOnly, 0).IsOpen());
   ZFileBase f(path, io::kOpenReadOnly, 0);
   h = f.GetHandle();
   lltest::FaultInjector faults;  // every call on the handle fails
