@@ -179,15 +179,11 @@ TEST_F(ZFileTest, OpensResolveLocationsAndFailuresAskForAVolumeOnceMore) {
   check(f.Read(nullptr, 0) + f.Position(), "-2 cd- other+ none- none- none+ ");
   answers.erase("retry");
   answers["c1"] = slotA + "/";
-  {
-    FaultInjector faults({IoCall::Open}, {1});  // the second attempt asks again and succeeds
-    check(f.Open("cd:data.bin", kRead, 0), "1 cd+ other+ none- none- none+ path 1 0 0;path 1 1 0;");
-  }
+  FaultInjector open({IoCall::Open}, {1});  // the second attempt asks again and succeeds
+  check(f.Open("cd:data.bin", kRead, 0), "1 cd+ other+ none- none- none+ path 1 0 0;path 1 1 0;");
   answers["ed"] = slotB;
   check(e.Open("ed:/data.bin", kRead, 0), "0 cd+ other+ other- none- none+ ");  // no second try
-  answers.erase("c1");
-  check(h.Open("cd:data.bin", kRead, 0), "0 cd+ other+ other- none- none+ path 1 0 0;");  // none
-  answers["c1"] = slotA + "/";
+  check(h.Open("c2:data.bin", kRead, 0), "0 cd+ other+ other- none- none+ path 3 0 0;");  // none
   FaultInjector faults({IoCall::Read, IoCall::Close});
   faults.failFrom = 1;
   answers["request"] = "again";
