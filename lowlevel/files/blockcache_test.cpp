@@ -20,15 +20,12 @@ TEST(BlockCache, MatchesALeastRecentlyUsedList) {
     std::vector<std::pair<int32_t, int>> model;  // least recently used first
     for (int step = 0; step < 40; ++step) {
       const int32_t key = static_cast<int32_t>(rng() % 9) * 100 - 300;  // -300 .. 500
-      auto it = model.begin();
-      while (it != model.end() && it->first != key) ++it;
+      auto it = std::find_if(model.begin(), model.end(), [&](auto& e) { return e.first == key; });
       const int op = static_cast<int>(rng() % 8);
       if (op < 4) {  // get
-        int* value = cache.get(key);
-        ASSERT_EQ(it != model.end(), value != nullptr) << script << " " << step;
-        if (it == model.end()) continue;
-        ASSERT_EQ(it->second, *value);
-        std::rotate(it, it + 1, model.end());
+        const int* value = cache.get(key);  // values are steps: -1 stands for none
+        ASSERT_EQ(it != model.end() ? it->second : -1, value ? *value : -1) << script << " " << step;
+        if (it != model.end()) std::rotate(it, it + 1, model.end());
       } else if (op < 7 && it == model.end()) {  // add
         if (static_cast<int>(model.size()) == size) model.erase(model.begin());
         model.emplace_back(key, step);

@@ -14,25 +14,25 @@
 namespace io = lowlevel::platform;
 namespace fs = std::filesystem;
 using io::IoCall;
-using lltest::FailCalls;
+using lltest::FaultInjector;
 
 struct ZFileTestAccess {
-  // "cd", "other" or "none": the list that holds the file; "broken" when it is listed twice.
-  static std::string where(const ZFile& f) {
-    auto n = [&](const std::vector<ZFile*>& l) { return std::count(l.begin(), l.end(), &f); };
-    long cd = n(ZFile::m_vCdFiles), other = n(ZFile::m_vNonCdFiles);
-    return cd + other > 1 ? "broken" : cd == 1 ? "cd" : other == 1 ? "other" : "none";
-  }
   static size_t listed() { return ZFile::m_vCdFiles.size() + ZFile::m_vNonCdFiles.size(); }
+  // Each file's list ("cd", "other", "none"; "broken" when listed twice), then "+" while it is
+  // open, "-" while not, "@N" while parked at position N.
+  static std::string state(const std::vector<const ZFile*>& files) {
+    std::string out;
+    for (const ZFile* f : files) {
+      auto n = [&](const std::vector<ZFile*>& l) { return std::count(l.begin(), l.end(), f); };
+      const long cd = n(ZFile::m_vCdFiles), other = n(ZFile::m_vNonCdFiles);
+      out += cd + other > 1 ? " broken" : cd == 1 ? " cd" : other == 1 ? " other" : " none";
+      out += f->m_bReopenPending ? "@" + std::to_string(f->m_lSavedPosition)
+                                 : f->IsOpen() ? "+" : "-";
+    }
+    return out;
+  }
 };
 using Access = ZFileTestAccess;
-
-// The list that holds each file, then "+" while it is open or "-" while it is not.
-static std::string state(std::initializer_list<const ZFile*> files) {
-  std::string out;
-  for (const ZFile* f : files) out += Access::where(*f) + (f->IsOpen() ? "+" : "-");
-  return out;
-}
 
 const unsigned short kRead = io::kOpenReadOnly;
 
@@ -41,22 +41,23 @@ class ZFileTest : public ::testing::Test, public lltest::RecordingSupport {
  protected:
   const char* getCdPath(eCDVolType volume, bool bRetry, bool bHostFlag) override {
     const char* answer = RecordingSupport::getCdPath(volume, bRetry, bHostFlag);
-    return bRetry && !retryAnswer.empty() ? retryAnswer.c_str() : answer;
+    return bRetry && answers.count("retry") != 0 ? answers["retry"].c_str() : answer;
   }
   const char* requestCdVolume(eCDVolType volume, bool bHostFlag) override {
     if (park) ZFile::CloseAll(ZFile::eAllFiles);  // the host may park files meanwhile
+    ++requests;
     return RecordingSupport::requestCdVolume(volume, bHostFlag);
   }
   void SetUp() override {
     fs::create_directory(slotA);
     fs::create_directory(slotB);
     lltest::writeFile(slotA + "/data.bin", data);
-    lltest::writeFile(plain, data.substr(0, 100));
+    lltest::writeFile(plain, data);
     std::string packed;
     ASSERT_TRUE(lowlevel::compression::compressToSeekable(data, {100, 3, true}, &packed, nullptr));
     lltest::writeFile(slotA + "/packed.zst", packed);
     cdCount = 2;
-    cdPaths = {{1, slotA + "/"}};
+    answers["c1"] = slotA + "/";
   }
   void TearDown() override { EXPECT_EQ(listedBefore, Access::listed()); }
   // Moves the disc of volume 1 to the other slot.
@@ -65,40 +66,50 @@ class ZFileTest : public ::testing::Test, public lltest::RecordingSupport {
     fs::rename(slotA, slotB);
     fs::create_directory(slotA);
     std::swap(slotA, slotB);
-    cdPaths[0].second = slotA + "/";
+    answers["c1"] = slotA + "/";
   }
+  // A step's result, the state of the files `shown`, and what the host was asked or told since.
+  void check(const std::string& result, const std::string& want) {
+    EXPECT_EQ(want, result + Access::state(shown) + " " + log);
+    log.clear();
+  }
+  void check(int32_t result, const std::string& want) { check(std::to_string(result), want); }
 
-  size_t listedBefore = Access::listed();
+  size_t listedBefore = Access::listed(), requests = 0;
   lltest::TempDir dir;
   std::string slotA = dir.file("slotA"), slotB = dir.file("slotB"), plain = dir.file("plain.bin");
   bool park = false;
-  std::string data = lltest::randomBytes(700, 5), retryAnswer;
+  std::string data = lltest::randomBytes(700, 5);
+  std::vector<const ZFile*> shown;
 };
 
-// Seeded scripts of Seek, Read, Position, Length and GetHandle on a plain and on a compressed file
-// of a volume, checked against the bytes the file holds, while the host parks the files (CloseAll)
-// and moves the volume, also while it is asked for the volume after a failed call, and the test
-// goes on with copies, assigned objects and re-opened ones.
+// Seeded scripts on a plain or a compressed file of a volume or a plain file elsewhere: Seek, Read,
+// Position and Length against the bytes the file holds; CloseAll of some list (3: none) parks the
+// file exactly when it is open in a list parked, at its position (0 when that cannot be told); a
+// parked file comes back on use; copies and assigned objects are never listed and carry the
+// parking; Close (false on a parked file) and re-opens by name; each failed call asks for the
+// volume once, while the host now and then parks every file meanwhile and the volume moves.
 TEST_F(ZFileTest, ScriptsMatchTheBytesThroughFailuresParkingCopiesAndReopens) {
   std::mt19937 rng(5);
   const int32_t length = static_cast<int32_t>(data.size());
-  size_t requests = 0;
-  requestAnswer = "again";
-  for (int script = 0; script < 40; ++script) {
-    bool copied = false;  // a copy is never listed, an object opened by name is
-    const bool packed = script % 2 == 1;  // expanded positions: seeks clamp, from the end go back
-    const std::string path = packed ? "cd:packed.zst" : "cd:data.bin";
+  size_t expected = 0;
+  answers["request"] = "again";
+  for (int script = 0; script < 60; ++script) {
+    const bool packed = script % 3 == 1;  // expanded positions: seeks clamp, from the end go back
+    const std::string path = script % 3 == 0 ? "cd:data.bin" : packed ? "cd:packed.zst" : plain;
     const unsigned short flags = packed ? kRead | io::kOpenBinary : kRead;
+    const std::string byName = script % 3 == 2 ? "other" : "cd";
     auto f = std::make_unique<ZFile>(path, flags, 0);
+    std::string list = byName;
+    bool parked = false;
     int32_t pos = 0;
     for (int step = 0; step < 40; ++step) {
-      SCOPED_TRACE(std::to_string(script) + " " + std::to_string(step));
       const int op = static_cast<int>(rng() % 10);
       // A failed call of a plain file asks for the volume and is made once more; the host parks
       // every file meanwhile now and then. (A compressed file's read fails short, see cmpfilbs.)
-      const bool fail = !packed && op < 7 && rng() % 3 == 0;
-      FailCalls faults({IoCall::Read, IoCall::Seek, IoCall::Tell, IoCall::Length},
-                       fail ? std::set<int>{1} : std::set<int>{});
+      const bool fail = !packed && !parked && op < 7 && rng() % 3 == 0;
+      FaultInjector faults({IoCall::Read, IoCall::Seek, IoCall::Tell, IoCall::Length},
+                           fail ? std::set<int>{1} : std::set<int>{});
       park = rng() % 2;
       bool failed = false;
       if (op < 3) {
@@ -119,105 +130,79 @@ TEST_F(ZFileTest, ScriptsMatchTheBytesThroughFailuresParkingCopiesAndReopens) {
         ASSERT_EQ(std::to_string(pos) + " " + std::to_string(length),
                   std::to_string(f->Position()) + " " + std::to_string(f->Length()));
       } else if (op == 7) {
-        ZFile::CloseAll(static_cast<ZFile::eFileTypes>(rng() % 3));
+        const int types = static_cast<int>(rng() % 4);
+        const bool parks =
+            !parked && list != "none" && (types == 0 || types == (list == "cd" ? 1 : 2));
+        if (parks && !packed && rng() % 3 == 0) faults.failAt = {1};  // the position untold
+        ZFile::CloseAll(static_cast<ZFile::eFileTypes>(types));
+        if (faults.failures > 0) pos = 0;
+        parked = parked || parks;
         if (rng() % 2) moveVolume();
-        ASSERT_GE(f->GetHandle(), 0);
       } else if (op == 8) {
         auto g = std::make_unique<ZFile>();
         if (rng() % 2) *g = *f; else g = std::make_unique<ZFile>(*f);
         f = std::move(g);  // the copy reads on at the position, the original goes
-        copied = true;
+        list = "none";
       } else {
+        // Close (false on a parked file) ends a listed file's re-open. (A parked copy's goes on.)
+        const bool close = rng() % 2;
+        ASSERT_TRUE(!close || f->Close() == !parked);
+        ASSERT_TRUE(!close || list == "none" || Access::state({f.get()}) == " none-");
         ASSERT_TRUE(f->Open(path, flags, 0));
         pos = 0;
-        copied = false;
+        list = byName;
       }
-      ASSERT_EQ(copied ? "none" : "cd", Access::where(*f));
-      requests += failed || faults.failures > 0;
-      ASSERT_EQ(requests, volumeRequests.size());  // one request for each failed operation
+      parked = parked && op >= 7 && op != 9;
+      expected += failed || (op < 7 && faults.failures > 0);  // one request for each failed call
+      ASSERT_EQ(" " + list + (parked ? "@" + std::to_string(pos) : "+") + std::to_string(expected),
+                Access::state({f.get()}) + std::to_string(requests)) << script << " " << step;
     }
   }
 }
 
-// Opens through locations and volume prefixes, the second attempt of a failed volume open, and a
-// failed operation made once more only when the host answers the request for the volume.
+// Opens through locations and volume prefixes, the second attempt of a failed volume open, a
+// failed operation made once more only when the host answers the request for the volume, and the
+// lists of files on numbered volumes and of handles given from outside.
 TEST_F(ZFileTest, OpensResolveLocationsAndFailuresAskForAVolumeOnceMore) {
-  retryAnswer = slotA + "/";
-  cdPaths[0].second = slotB + "/";  // the first answer is the wrong directory
-  locationNames = {"DISC"};
-  locationDirs = {"cd:"};
+  answers["retry"] = slotA + "/";
+  answers["c1"] = slotB + "/";  // the first answer is the wrong directory
+  answers["DISC"] = "cd:";
   // g: reported, then opened. Relative, as a drive letter's colon would keep the location away.
   const fs::path cwd = fs::current_path();
   fs::current_path(dir.path());
-  ZFile f("data.bin", "DISC", kRead, 0), g("plain.bin", "NOPE", kRead, 0);
+  ZFile f("data.bin", "DISC", kRead, 0), g("plain.bin", "NOPE", kRead, 0), e, h;
   fs::current_path(cwd);
-  EXPECT_EQ("cd+other+1", state({&f, &g}) + std::to_string(reports.size()));
-  retryAnswer = slotB + "/";
-  EXPECT_FALSE(f.Open("cd:data.bin", kRead, 0));  // a failed open stays listed, closed
-  EXPECT_EQ("cd- -1 -1", state({&f}) + " " + std::to_string(f.Read(nullptr, 0)) + " " +
-                             std::to_string(f.Position()));
-  retryAnswer.clear();
-  cdPaths[0].second = slotA + "/";
-  {
-    FailCalls faults({IoCall::Open}, {1});  // the second attempt asks again and succeeds
-    EXPECT_TRUE(f.Open("cd:data.bin", kRead, 0));
-  }
-  exeDir = slotB.c_str();
-  ZFile e("ed:/data.bin", kRead, 0);  // on no volume: no second attempt
-  cdPaths.clear();
-  ZFile h("cd:data.bin", kRead, 0);  // does not resolve: not listed
-  EXPECT_EQ("other-none-", state({&e, &h}));
-  EXPECT_EQ("1 0 0,1 1 0,1 0 0,1 1 0,1 0 0,1 1 0,1 0 0", lltest::cdPathCallsText(*this));
-  EXPECT_TRUE(volumeRequests.empty());
-  cdPaths = {{1, slotA + "/"}};
-  lltest::FaultInjector faults({IoCall::Read, IoCall::Close});
+  ZFile wrapped(io::open(plain.c_str(), kRead, 0));  // never listed
+  shown = {&f, &g, &e, &h, &wrapped};
+  check(0, "0 cd+ other+ none- none- none+ path 1 0 0;path 1 1 0;No location given for files.\n"
+           "Entry: NOPE\n|ZFile::BuildPath|2|file\n");
+  answers["retry"] = slotB + "/";  // a failed open stays listed, closed
+  check(f.Open("cd:data.bin", kRead, 0), "0 cd- other+ none- none- none+ path 1 0 0;path 1 1 0;");
+  check(f.Read(nullptr, 0) + f.Position(), "-2 cd- other+ none- none- none+ ");
+  answers.erase("retry");
+  answers["c1"] = slotA + "/";
+  FaultInjector open({IoCall::Open}, {1});  // the second attempt asks again and succeeds
+  check(f.Open("cd:data.bin", kRead, 0), "1 cd+ other+ none- none- none+ path 1 0 0;path 1 1 0;");
+  answers["ed"] = slotB;
+  check(e.Open("ed:/data.bin", kRead, 0), "0 cd+ other+ other- none- none+ ");  // no second try
+  check(h.Open("c2:data.bin", kRead, 0), "0 cd+ other+ other- none- none+ path 3 0 0;");  // none
+  FaultInjector faults({IoCall::Read, IoCall::Close});
   faults.failFrom = 1;
-  requestAnswer = "again";
-  std::string trace = lltest::readSome(f, 4);
-  trace += std::to_string(faults.count);  // exactly one second try
-  requestAnswer = nullptr;
-  trace += lltest::readSome(f, 4);
-  trace += std::to_string(faults.count);  // no answer: no second try
-  EXPECT_EQ("<-1>2<-1>3<-1>", trace + lltest::readSome(g, 1));
-  EXPECT_EQ((std::vector<int>{1, 1, 0}), volumeRequests);  // 0: on no volume
-  EXPECT_FALSE(g.Close());  // a failed close leaves the lists all the same
-  EXPECT_EQ("none-", state({&g}));
-}
-
-TEST_F(ZFileTest, ListsAndWhatCloseAllParks) {
-  cdPaths.push_back({3, slotA + "/"});
-  ZFile cd("c2:data.bin", kRead, 0), other(plain, kRead, 0);
-  ZFile wrapped(io::open(plain.c_str(), kRead, 0)), copy(cd), failed("c2:none.bin", kRead, 0);
-  other.Seek(5, 0);
-  std::string trace;
-  for (int types : {7, 2, 0}) {  // an unknown type parks nothing
-    ZFile::CloseAll(static_cast<ZFile::eFileTypes>(types));
-    trace += state({&cd, &other, &wrapped, &copy, &failed}) + " ";
-  }
-  EXPECT_EQ("cd+other+none+none+cd- cd+other-none+none+cd- cd-other-none+none+cd- ", trace);
-  ZFile copyOfParked(cd);  // carries the pending mark: re-opens on first use, unlisted
-  EXPECT_EQ(data.substr(0, 3) + data.substr(5, 3),
-            lltest::readSome(copyOfParked, 3) + lltest::readSome(other, 3));
-  EXPECT_EQ("none+cd-other+", state({&copyOfParked, &cd, &other}));
-  {
-    FailCalls faults({IoCall::Tell}, {1});  // a position not told at parking time comes back as 0
-    ZFile::CloseAll(ZFile::eNonCdFiles);
-  }
-  EXPECT_EQ(0, other.Position());
-  // Each call's result, then the list that holds cd.
-  auto step = [&](int32_t result) { trace += std::to_string(result) + Access::where(cd) + " "; };
-  trace.clear();
+  answers["request"] = "again";
+  std::string got = lltest::readSome(f, 4);  // exactly one second try
+  check(got + std::to_string(faults.count), "<-1>2 cd+ other+ other- none- none+ request 1;");
+  answers.erase("request");
+  got = lltest::readSome(f, 4);  // no answer: no second try
+  check(got + std::to_string(faults.count), "<-1>3 cd+ other+ other- none- none+ request 1;");
+  check(lltest::readSome(g, 1), "<-1> cd+ other+ other- none- none+ request 0;");  // 0: no volume
+  check(g.Close(), "0 cd+ none- other- none- none+ ");  // a failed close: out of the lists
+  faults.failFrom = 0;
+  answers["c3"] = slotA + "/";
+  check(h.Open("c2:data.bin", kRead, 0), "1 cd+ none- other- cd+ none+ path 3 0 0;");
+  ZFile::CloseAll(ZFile::eCdFiles);
   cdCount = 1;  // "c2:" is no prefix any more: the re-open tries a plain path, fails, moves lists
-  step(cd.Position());
+  check(h.Position(), "-1 cd@0 none- other- other@0 none+ ");
   cdCount = 2;
-  step(cd.Position());
-  ZFile::CloseAll(ZFile::eAllFiles);
-  step(cd.Open(plain, kRead, 0));  // a parked file opened anew
-  step(cd.Open("cd:data.bin", kRead, 0) && failed.Open("cd:data.bin", kRead, 0));
-  EXPECT_EQ("-1other 0cd 1other 1cd cd", trace + Access::where(failed));
-  ZFile::CloseAll(ZFile::eAllFiles);
-  EXPECT_FALSE(cd.Close());  // Close on a parked file ends its re-open
-  EXPECT_EQ("none-", state({&cd}));
-  EXPECT_EQ(-2, cd.Read(nullptr, 0) + cd.GetHandle());
-  EXPECT_TRUE(wrapped.Close());
+  check(h.Position(), "0 cd@0 none- other- cd+ none+ path 3 0 0;");
+  check(wrapped.Close(), "1 cd@0 none- other- cd+ none- ");
 }

@@ -16,11 +16,9 @@ TEST(LogicalPaths, PrefixesLocationsAndVolumes) {
   EXPECT_EQ("true|c1:f", resolve("c1:f"));
   EXPECT_FALSE(ZFile::VerifyCd(0, false, false));
   lltest::RecordingSupport host;
-  host.exeDir = "X:\\exe\\";
-  host.installDir = "X:\\inst";
-  host.updateDir = "X:\\upd\\";
+  host.answers = {{"ed", "X:\\exe\\"}, {"id", "X:\\inst"}, {"ud", "X:\\upd\\"}, {"c1", "D:\\"},
+                  {"c2", "E:\\one\\"}, {"c3", "F:\\two\\"}, {"c11", "J:\\ten"}, {"c13", "/v12/"}};
   host.cdCount = 12;
-  host.cdPaths = {{1, "D:\\"}, {2, "E:\\one\\"}, {3, "F:\\two\\"}, {11, "J:\\ten"}, {13, "/v12/"}};
   const char* cases[][2] = {
       {"cd:Data\\File.Bin", "D:\\Data\\File.Bin"}, {"CD:", "D:\\"},
       {"C1:\\a", "E:\\one\\a"},  // the doubled separator at the join repaired
@@ -30,30 +28,27 @@ TEST(LogicalPaths, PrefixesLocationsAndVolumes) {
   for (const auto& c : cases) EXPECT_EQ(std::string("true|") + c[1], resolve(c[0])) << c[0];
   // No prefix: numbers out of range, leading zeros, other shapes.
   for (std::string p : {"c13:f", "C:\\d\\f", "c0:x", "c01:x", "c:x", "c1x", "c", "", "xd:f",
-                        " cd:f", "c-1:f", "c99999999999999999999:f"}) {
+                        " cd:f", "c-1:f", "c99999999999999999999:f"})
     EXPECT_EQ("true|" + p, resolve(p));
-  }
-  EXPECT_EQ("1 0 1,1 0 1,2 0 1,3 0 1,11 0 1,13 0 1", lltest::cdPathCallsText(host));
-  host.cdPathCalls.clear();
   EXPECT_EQ("false|c3:f", resolve("c3:f", true));  // volume 3 (number 4) has no directory
   // VerifyCd asks only for volumes that exist: 13 is above the count.
   std::string results;
-  for (int number : {0, 1, 2, 3, 12, 13, -1, INT32_MIN, INT32_MAX}) {
+  for (int number : {0, 1, 2, 3, 12, 13, -1, INT32_MIN, INT32_MAX})
     results += std::to_string(ZFile::VerifyCd(number, number == 1, number == 0));
-  }
   EXPECT_EQ("111010000", results);
-  EXPECT_EQ("4 1 1,1 0 1,2 1 0,3 0 0,4 0 0,13 0 0", lltest::cdPathCallsText(host));
+  EXPECT_EQ("path 1 0 1;path 1 0 1;path 2 0 1;path 3 0 1;path 11 0 1;path 13 0 1;path 4 1 1;"
+            "path 1 0 1;path 2 1 0;path 3 0 0;path 4 0 0;path 13 0 0;", host.log);
   host.cdCount = -4;  // a silly count recognises no numbered prefix
   EXPECT_EQ("true|c1:f", resolve("c1:f"));
   // One doubled backslash is repaired: the first pair found, the directory's own too.
-  host.exeDir = "\\\\server\\share\\";
+  host.answers["ed"] = "\\\\server\\share\\";
   EXPECT_EQ("true|\\server\\share\\\\f", resolve("ed:\\f"));
-  host.exeDir = "A\\";
+  host.answers["ed"] = "A\\";
   EXPECT_EQ("true|A\\b\\\\c true|A\\b\\c", resolve("ed:\\b\\\\c") + " " + resolve("ed:b\\\\c"));
-  // BuildPath puts the location's directory in front.
-  host.locationNames = {"DATA", "EMPTY"};
-  host.locationDirs = {"cd:\\data\\", ""};
-  std::string built;  // a path with a colon is left alone
+  // BuildPath puts the location's directory in front; a path with a colon is left alone.
+  host.answers.insert({{"DATA", "cd:\\data\\"}, {"EMPTY", ""}});
+  host.log.clear();
+  std::string built;
   const std::pair<std::string, const char*> builds[] = {
       {"f.bin", "DATA"}, {"c:\\f.bin", "DATA"}, {"f.bin", ""}, {"f.bin", nullptr},
       {"f.bin", "EMPTY"}, {"f.bin", "NOWHERE"}};
@@ -61,8 +56,8 @@ TEST(LogicalPaths, PrefixesLocationsAndVolumes) {
     const bool ok = ZFile::BuildPath(b.first, b.second);
     built += std::to_string(ok) + b.first + " ";
   }
-  EXPECT_EQ("1cd:\\data\\f.bin 0c:\\f.bin 0f.bin 0f.bin 0f.bin 0f.bin ", built);
-  EXPECT_EQ(lltest::reportsText(host.reports),
+  EXPECT_EQ("1cd:\\data\\f.bin 0c:\\f.bin 0f.bin 0f.bin 0f.bin 0f.bin "
             "No location given for files.\nEntry: EMPTY\n|ZFile::BuildPath|2|file\n"
-            "No location given for files.\nEntry: NOWHERE\n|ZFile::BuildPath|2|file\n");
+            "No location given for files.\nEntry: NOWHERE\n|ZFile::BuildPath|2|file\n",
+            built + host.log);
 }

@@ -3,24 +3,21 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <stdexcept>
 
 namespace lltest {
 
 namespace fs = std::filesystem;
+using lowlevel::platform::IoCall;
 
 TempDir::TempDir() {
   // A fresh name that nobody else holds: create_directory fails on an existing one.
   std::random_device seed;
-  for (int attempt = 0; attempt < 100; ++attempt) {
+  for (int attempt = 0; attempt < 100 && path_.empty(); ++attempt) {
     fs::path candidate = fs::temp_directory_path() / ("lowlevel-test-" + std::to_string(seed()));
-    if (fs::create_directory(candidate)) {
-      path_ = candidate.generic_string();
-      return;
-    }
+    if (fs::create_directory(candidate)) path_ = candidate.generic_string();
   }
-  throw std::runtime_error("cannot make a temporary directory");
+  if (path_.empty()) throw std::runtime_error("cannot make a temporary directory");
 }
 
 TempDir::~TempDir() {
@@ -28,18 +25,14 @@ TempDir::~TempDir() {
   fs::remove_all(path_, ec);
 }
 
-std::string TempDir::file(const std::string& name) const { return path_ + "/" + name; }
-
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 void writeFile(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary | std::ios::trunc)
+      .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
 bool fileExists(const std::string& path) { return fs::exists(path); }
@@ -48,60 +41,51 @@ RecordingSupport::RecordingSupport() { setLowLevelSupportPtr(this); }
 
 RecordingSupport::~RecordingSupport() { setLowLevelSupportPtr(nullptr); }
 
-const char* RecordingSupport::getDirectoryByIniName(const char* name) {
-  for (size_t i = 0; i < locationNames.size() && i < locationDirs.size(); ++i) {
-    if (name != nullptr && locationNames[i] == name) return locationDirs[i].c_str();
-  }
-  return nullptr;
+const char* RecordingSupport::answer(const std::string& key) const {
+  const auto it = answers.find(key);
+  return it != answers.end() ? it->second.c_str() : nullptr;
 }
 
 const char* RecordingSupport::getCdPath(eCDVolType volume, bool bRetry, bool bHostFlag) {
-  cdPathCalls.push_back({static_cast<int>(volume), bRetry, bHostFlag});
-  for (const auto& entry : cdPaths) {
-    if (entry.first == static_cast<int>(volume)) return entry.second.c_str();
-  }
-  return nullptr;
+  const std::string n = std::to_string(static_cast<int>(volume));
+  log += "path " + n + " " + std::to_string(bRetry) + " " + std::to_string(bHostFlag) + ";";
+  return answer("c" + n);
 }
 
 const char* RecordingSupport::requestCdVolume(eCDVolType volume, bool /*bHostFlag*/) {
-  volumeRequests.push_back(static_cast<int>(volume));
-  return requestAnswer;
+  log += "request " + std::to_string(static_cast<int>(volume)) + ";";
+  return answer("request");
 }
 
 void RecordingSupport::reporter(const char* message, const char* function, ZEReporterFlag flag,
                                 const char* sourceModule, int line) {
   reports.push_back({message != nullptr ? message : "<null>", function != nullptr ? function : "<null>",
                      flag, sourceModule != nullptr ? sourceModule : "<null>", line});
+  log += reportsText({reports.back()});
 }
 
-FaultInjector::FaultInjector(std::set<lowlevel::platform::IoCall> c) : calls(std::move(c)) {
-  previous_ = lowlevel::platform::setIoFaultHook(this);
-}
+FaultInjector::FaultInjector(std::set<IoCall> c, std::set<int> at)
+    : calls(std::move(c)), failAt(std::move(at)),
+      previous_(lowlevel::platform::setIoFaultHook(this)) {}
 
 FaultInjector::~FaultInjector() { lowlevel::platform::setIoFaultHook(previous_); }
 
-std::set<lowlevel::platform::IoCall> FaultInjector::allCalls() {
-  using lowlevel::platform::IoCall;
+std::set<IoCall> FaultInjector::allCalls() {
   return {IoCall::Open, IoCall::Close, IoCall::Read,   IoCall::Write, IoCall::Seek,
           IoCall::Tell, IoCall::Length, IoCall::Dup, IoCall::Stat};
 }
 
-bool FaultInjector::shouldFail(lowlevel::platform::IoCall call, int handle) {
-  bool fail = failHandle >= 0 && handle == failHandle;
-  if (calls.count(call) != 0) {
-    ++count;
-    if (failAt.count(count) != 0 || (failFrom > 0 && count >= failFrom)) fail = true;
-  }
-  if (fail) ++failures;
+bool FaultInjector::shouldFail(IoCall call, int handle) {
+  const int number = calls.count(call) != 0 ? ++count : 0;  // 0: not counted
+  const bool fail = (failHandle >= 0 && handle == failHandle) || failAt.count(number) != 0 ||
+                    (failFrom > 0 && number >= failFrom);
+  failures += fail;
   return fail;
 }
 
-unsigned FaultInjector::limitBytes(lowlevel::platform::IoCall call, int /*handle*/, unsigned n) {
-  if (call == lowlevel::platform::IoCall::Write && writeLimit >= 0 &&
-      n > static_cast<unsigned>(writeLimit)) {
-    return static_cast<unsigned>(writeLimit);
-  }
-  return n;
+unsigned FaultInjector::limitBytes(IoCall call, int /*handle*/, unsigned n) {
+  return call == IoCall::Write && writeLimit >= 0 && n > static_cast<unsigned>(writeLimit)
+             ? static_cast<unsigned>(writeLimit) : n;
 }
 
 std::string randomBytes(size_t n, unsigned seed) {

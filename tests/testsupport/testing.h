@@ -3,7 +3,7 @@
 #ifndef LOWLEVEL_TESTS_TESTING_H
 #define LOWLEVEL_TESTS_TESTING_H
 
-#include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,7 +23,7 @@ class TempDir {
   TempDir& operator=(const TempDir&) = delete;
   const std::string& path() const { return path_; }
   // path() + "/" + name
-  std::string file(const std::string& name) const;
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
 
  private:
   std::string path_;
@@ -34,8 +34,7 @@ void writeFile(const std::string& path, const std::string& bytes);
 bool fileExists(const std::string& path);
 
 struct Report {
-  std::string message;
-  std::string function;
+  std::string message, function;
   ZEReporterFlag flag;
   std::string module;
   int line;
@@ -44,53 +43,50 @@ struct Report {
 // Each report as "message|function|flag|module" on a line of its own; line numbers left out.
 inline std::string reportsText(const std::vector<Report>& reports) {
   std::string out;
-  for (const Report& r : reports) {
+  for (const Report& r : reports)
     out += r.message + "|" + r.function + "|" + std::to_string(static_cast<int>(r.flag)) + "|" +
            r.module + "\n";
-  }
   return out;
 }
 
 // A support object that records every report. Installs itself while it lives and puts the default
-// object back afterwards. Directory answers are fields that a test sets.
+// object back afterwards. A directory is answered from `answers` by key ("ed", "id" and "ud" for
+// the program's directories, "cN" for the volume of eCDVolType value N, a location's own name),
+// and a request for a volume by the key "request"; a missing key answers null. `log` records each
+// volume question as "path N retry hostFlag;" (flags as 0 or 1), each request as "request N;" and
+// each report as reportsText writes it.
 class RecordingSupport : public ZlowLevelSupport {
  public:
   RecordingSupport();
   ~RecordingSupport() override;
 
-  const char* getExeDir() override { return exeDir; }
-  const char* getInstallDir() override { return installDir; }
-  const char* getUpdateDir() override { return updateDir; }
-  const char* getDirectoryByIniName(const char* name) override;
+  const char* getExeDir() override { return answer("ed"); }
+  const char* getInstallDir() override { return answer("id"); }
+  const char* getUpdateDir() override { return answer("ud"); }
+  const char* getDirectoryByIniName(const char* name) override { return answer(name ? name : ""); }
   int getCdCount() override { return cdCount; }
   const char* getCdPath(eCDVolType volume, bool bRetry, bool bHostFlag) override;
   const char* requestCdVolume(eCDVolType volume, bool bHostFlag) override;
   void reporter(const char* message, const char* function, ZEReporterFlag flag,
                 const char* sourceModule, int line) override;
+  const char* answer(const std::string& key) const;
 
   std::vector<Report> reports;
-  const char* exeDir = nullptr;
-  const char* installDir = nullptr;
-  const char* updateDir = nullptr;
+  std::map<std::string, std::string> answers;
   int cdCount = 0;
-  // Volume answers by eCDVolType value; a missing entry answers null.
-  std::vector<std::string> locationNames;   // parallel to locationDirs
-  std::vector<std::string> locationDirs;
-  std::vector<std::pair<int, std::string>> cdPaths;
-  struct CdPathCall { int volume; bool retry; bool hostFlag; };
-  std::vector<CdPathCall> cdPathCalls;
-  std::vector<int> volumeRequests;
-  const char* requestAnswer = nullptr;
+  std::string log;
 };
 
 // Makes I/O calls fail through the platform seam while it lives.
 //
-// Counting: every call whose kind is in `calls` counts; the calls numbered in `failAt` (1-based)
-// fail. failFrom > 0 makes every counted call from that number on fail. failHandle >= 0 makes every
-// call on that handle fail. writeLimit >= 0 cuts each write to that many bytes (torn writes).
+// Counting: every call whose kind is in `calls` counts; the calls numbered in `failAt` (1-based,
+// first set from `at`) fail. failFrom > 0 makes every counted call from that number on fail.
+// failHandle >= 0 makes every call on that handle fail. writeLimit >= 0 cuts each write to that
+// many bytes (torn writes).
 class FaultInjector : public lowlevel::platform::IoFaultHook {
  public:
-  explicit FaultInjector(std::set<lowlevel::platform::IoCall> calls = allCalls());
+  explicit FaultInjector(std::set<lowlevel::platform::IoCall> calls = allCalls(),
+                         std::set<int> at = {});
   ~FaultInjector() override;
   FaultInjector(const FaultInjector&) = delete;
   FaultInjector& operator=(const FaultInjector&) = delete;
@@ -110,24 +106,6 @@ class FaultInjector : public lowlevel::platform::IoFaultHook {
 
  private:
   lowlevel::platform::IoFaultHook* previous_;
-};
-
-// The volume questions a RecordingSupport was asked, as "volume retry hostFlag" with the flags as
-// 0 or 1, joined by commas.
-inline std::string cdPathCallsText(const RecordingSupport& host) {
-  std::string out;
-  for (const RecordingSupport::CdPathCall& c : host.cdPathCalls) {
-    out += (out.empty() ? "" : ",") + std::to_string(c.volume) + " " + std::to_string(c.retry) +
-           " " + std::to_string(c.hostFlag);
-  }
-  return out;
-}
-
-// A FaultInjector that fails the calls numbered in `at` (1-based) among the kinds in `calls`.
-struct FailCalls : FaultInjector {
-  FailCalls(std::set<lowlevel::platform::IoCall> kinds, std::set<int> at) : FaultInjector(kinds) {
-    failAt = at;
-  }
 };
 
 // `n` bytes drawn from a generator seeded with `seed`; they do not compress.
