@@ -168,7 +168,7 @@ TEST_P(Faults, ReadsStopCleanly) {
   auto prefix = [&](const Entries& m) { return m.size() <= all.size() && std::equal(m.begin(), m.end(), all.begin()); };
   for (int k = 1, failures = 1; failures > 0; ++k) {
     SCOPED_TRACE(k);
-    lltest::FailCalls faults(lltest::FaultInjector::allCalls(), {k});
+    lltest::FaultInjector faults(lltest::FaultInjector::allCalls(), {k});
     BTree tree(source_, true, 0);
     const Entries forward = tree.isOk() ? btreetest::walk(tree, false, 1000) : Entries();
     inOrder.clear();
