@@ -12,12 +12,10 @@ TEST(DefaultSupport, AnswersNothingAndSwallowsReports) {
   setLowLevelSupportPtr(nullptr);  // the default object
   ZlowLevelSupport& s = lowlevel::support();
   EXPECT_EQ(s.getCdCount(), 0);
-  EXPECT_EQ(s.getExeDir(), nullptr);
-  EXPECT_EQ(s.getInstallDir(), nullptr);
-  EXPECT_EQ(s.getUpdateDir(), nullptr);
-  EXPECT_EQ(s.getDirectoryByIniName("data"), nullptr);
-  EXPECT_EQ(s.getCdPath(eCDVolDefault, false, false), nullptr);
-  EXPECT_EQ(s.requestCdVolume(eCDVolDefault, false), nullptr);
+  for (const char* answer : {s.getExeDir(), s.getInstallDir(), s.getUpdateDir(),
+                             s.getDirectoryByIniName("data"), s.getCdPath(eCDVolDefault, false, false),
+                             s.requestCdVolume(eCDVolDefault, false)})
+    EXPECT_EQ(answer, nullptr);
   reporterLL("message", "function", eReportError, "module", 1);  // vanishes
 }
 

@@ -34,14 +34,11 @@ const uint32_t kTextFlags[] = {kLcmapLowercase, kLcmapUppercase, kNormIgnoreCase
                                kNormIgnoreNonSpace, kNormIgnoreSymbols, kNormIgnoreWidth,
                                kNormIgnoreKanaType, kLcmapLowercase | kNormIgnoreNonSpace,
                                kLcmapUppercase | kNormIgnoreSymbols};
-const uint32_t kKeyFlags[] = {kLcmapSortKey,
-                              kLcmapSortKey | kNormIgnoreCase,
-                              kLcmapSortKey | kNormIgnoreNonSpace,
-                              kLcmapSortKey | kNormIgnoreCase | kNormIgnoreNonSpace,
-                              kLcmapSortKey | kNormIgnoreSymbols,
-                              kLcmapSortKey | kSortStringSort,
-                              kLcmapSortKey | kNormIgnoreCase | kSortStringSort,
-                              kLcmapSortKey | kNormIgnoreWidth | kNormIgnoreKanaType};
+constexpr uint32_t kKey = kLcmapSortKey;
+const uint32_t kKeyFlags[] = {kKey, kKey | kNormIgnoreCase, kKey | kNormIgnoreNonSpace,
+                              kKey | kNormIgnoreCase | kNormIgnoreNonSpace, kKey | kNormIgnoreSymbols,
+                              kKey | kSortStringSort, kKey | kNormIgnoreCase | kSortStringSort,
+                              kKey | kNormIgnoreWidth | kNormIgnoreKanaType};
 
 std::string hex(const std::string& bytes) {
   std::string out;
@@ -50,11 +47,11 @@ std::string hex(const std::string& bytes) {
   return out.empty() ? "-" : out;
 }
 
-std::string map(uint32_t lcid, uint32_t flags, const std::string& text, bool* ok) {
+// The mapping in hex, or "!" and the error code. Hex keys order as the keys do.
+std::string map(uint32_t lcid, uint32_t flags, const std::string& text) {
   char out[1024];
   int n = lcMapString(lcid, flags, text.data(), static_cast<int>(text.size()), out, sizeof out);
-  *ok = n > 0;
-  return n > 0 ? std::string(out, static_cast<size_t>(n)) : "!" + std::to_string(lastMapError());
+  return n > 0 ? hex(std::string(out, static_cast<size_t>(n))) : "!" + std::to_string(lastMapError());
 }
 
 }  // namespace
@@ -68,20 +65,13 @@ int main() {
   for (const auto& list : kLists) texts.insert(texts.end(), list.second.begin(), list.second.end());
   for (uint32_t lcid : kLocales) {
     for (uint32_t flags : kTextFlags) {
-      for (const std::string& text : texts) {
-        bool ok;
-        std::string result = map(lcid, flags, text, &ok);
-        std::printf("T %04X %08X %s %s\n", lcid, flags, hex(text).c_str(),
-                    ok ? hex(result).c_str() : result.c_str());
-      }
+      for (const std::string& text : texts)
+        std::printf("T %04X %08X %s %s\n", lcid, flags, hex(text).c_str(), map(lcid, flags, text).c_str());
     }
     for (uint32_t flags : kKeyFlags) {
       for (const auto& list : kLists) {
         std::vector<std::string> keys;
-        for (const std::string& word : list.second) {
-          bool ok;
-          keys.push_back(map(lcid, flags, word, &ok));
-        }
+        for (const std::string& word : list.second) keys.push_back(map(lcid, flags, word));
         std::vector<size_t> order(keys.size());
         std::iota(order.begin(), order.end(), 0);
         std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return keys[a] < keys[b]; });
