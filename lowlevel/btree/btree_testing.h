@@ -33,7 +33,6 @@ struct BTreeTestAccess {
   static BTreePageKey prepareKey(BTree& t, const char* key, int length, int32_t value) {
     return t.prepareKey(key, length, value);
   }
-  static int32_t reverseLong(BTree& t, int32_t value) { return t.btreeReverseLong(value); }
 
   // The slot bytes of a key as a string (empty for the empty key).
   static std::string bytes(const BTreePageKey& key) {
@@ -144,13 +143,11 @@ inline bool makeTree(const std::string& path, int order, int width, bool duplica
   return ok;
 }
 
-inline std::string be4(uint32_t v) {
-  return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8), static_cast<char>(v)};
-}
 inline std::string le4(int32_t v) {
   const uint32_t u = static_cast<uint32_t>(v);
   return {static_cast<char>(u), static_cast<char>(u >> 8), static_cast<char>(u >> 16), static_cast<char>(u >> 24)};
 }
+inline std::string be4(uint32_t v) { return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8), static_cast<char>(v)}; }
 inline int32_t field(const std::string& file, size_t at) {
   uint32_t v = 0;
   for (int i = 3; i >= 0; --i) v = (v << 8) | static_cast<unsigned char>(file.at(at + i));
