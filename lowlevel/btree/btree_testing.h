@@ -143,11 +143,13 @@ inline bool makeTree(const std::string& path, int order, int width, bool duplica
   return ok;
 }
 
+inline std::string be4(uint32_t v) {
+  return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8), static_cast<char>(v)};
+}
 inline std::string le4(int32_t v) {
   const uint32_t u = static_cast<uint32_t>(v);
   return {static_cast<char>(u), static_cast<char>(u >> 8), static_cast<char>(u >> 16), static_cast<char>(u >> 24)};
 }
-inline std::string be4(uint32_t v) { return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8), static_cast<char>(v)}; }
 inline int32_t field(const std::string& file, size_t at) {
   uint32_t v = 0;
   for (int i = 3; i >= 0; --i) v = (v << 8) | static_cast<unsigned char>(file.at(at + i));
@@ -227,16 +229,17 @@ inline std::string steps(BTree& tree, const std::string& words) {
     bool ok = step == 'F' ? tree.first(v) : step == 'L' ? tree.last(v) : step == 'N' ? tree.next(v)
             : step == 'P' ? tree.prev(v) : step == 'f' ? tree.find(v, arg)
             : step == 'g' ? tree.findGreaterThanOrEqual(v, arg) : step == '+' ? tree.insertKey(100 + arg, arg)
-            : step == '-' ? tree.deleteKey(arg) : step == '=' ? tree.replaceValue(-arg, arg)
-            : step == 'O' ? tree.inOrder([](int32_t, const char*, int) {}) : step == 'K' && tree.getCurrentKey(v);
+            : step == '-' ? tree.deleteKey(arg)
+            : step == '=' ? tree.replaceValue(-arg, arg) : step == 'O' ? tree.inOrder([](int32_t, const char*, int) {})
+            : step == 'K' && tree.getCurrentKey(v);
     std::string answer = ok ? (std::strchr("+-=O", step) ? "+" : std::to_string(v)) : "-";
     int32_t keys = -1, pages = -1, links = -1;
-    if (step == 'T') {
-      answer = std::to_string(tree.test(arg != 0, &keys, &pages, &links));
-      answer += ":" + std::to_string(keys) + "/" + std::to_string(pages) + "/" + std::to_string(links);
-    }
-    if (step == 'H' || step == 'W') answer = std::to_string(step == 'H' ? tree.depth() : static_cast<int>(walk(tree, arg != 0).size()));
-    if (step == 'D' && tree.getCurrentKeyDepthAndIndex(depth, index)) answer = std::to_string(depth) + "," + std::to_string(index);
+    if (step == 'T') answer = std::to_string(tree.test(arg != 0, &keys, &pages, &links));
+    if (step == 'T') answer += ":" + std::to_string(keys) + "/" + std::to_string(pages) + "/" + std::to_string(links);
+    if (step == 'H') answer = std::to_string(tree.depth());
+    if (step == 'W') answer = std::to_string(walk(tree, arg != 0).size());
+    if (step == 'D' && tree.getCurrentKeyDepthAndIndex(depth, index))
+      answer = std::to_string(depth) + "," + std::to_string(index);
     if (step == 'I' && cur) answer = std::to_string(BTreeTestAccess::curIndex(tree));
     if (step == 'C') answer = cur ? "c" : "x";
     if (step == 'R') answer = cur && cur->offset == BTreeTestAccess::root(tree)->offset ? "r" : "x";
