@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,7 +33,6 @@ struct BTreeTestAccess {
   static BTreePageKey prepareKey(BTree& t, const char* key, int length, int32_t value) {
     return t.prepareKey(key, length, value);
   }
-  static int32_t reverseLong(BTree& t, int32_t value) { return t.btreeReverseLong(value); }
 
   // The slot bytes of a key as a string (empty for the empty key).
   static std::string bytes(const BTreePageKey& key) {
@@ -210,10 +210,13 @@ struct Shape {
   }
 };
 
-// Runs cursor steps given as words and answers each, joined by spaces: F first, L last, N next,
-// P prev, f<k> find and g<k> findGreaterThanOrEqual of the long key k (the value reached or "-");
-// K the current long key ("-" without one), D depth and index ("d,i" or "-"), I the index in the
-// current page, C whether a cursor remains ("c"/"x"), R whether it stands on the root ("r"/"x").
+// Runs steps given as words and answers each, joined by spaces: F first, L last, N next, P prev,
+// f<k> find and g<k> findGreaterThanOrEqual of the long key k (the value reached or "-"); K the
+// current long key ("-" without one), D depth and index ("d,i" or "-"), I the index in the current
+// page, C whether a cursor remains ("c"/"x"), R whether it stands on the root ("r"/"x"); +<k>
+// inserts the long key k with the value 100 + k, -<k> deletes it, =<k> gives it the value -k, O
+// runs inOrder ("+" or "-"); H the depth, W<0|1> the length of a walk forward|backward, T<0|1>
+// the strict|relaxed test() as "ok:keys/pages/backward links".
 inline std::string steps(BTree& tree, const std::string& words) {
   std::string out;
   for (size_t at = 0, end; at < words.size(); at = end + 1) {
@@ -225,9 +228,18 @@ inline std::string steps(BTree& tree, const std::string& words) {
     const BTreePage* cur = BTreeTestAccess::curPage(tree);
     bool ok = step == 'F' ? tree.first(v) : step == 'L' ? tree.last(v) : step == 'N' ? tree.next(v)
             : step == 'P' ? tree.prev(v) : step == 'f' ? tree.find(v, arg)
-            : step == 'g' ? tree.findGreaterThanOrEqual(v, arg) : step == 'K' && tree.getCurrentKey(v);
-    std::string answer = ok ? std::to_string(v) : "-";
-    if (step == 'D' && tree.getCurrentKeyDepthAndIndex(depth, index)) answer = std::to_string(depth) + "," + std::to_string(index);
+            : step == 'g' ? tree.findGreaterThanOrEqual(v, arg) : step == '+' ? tree.insertKey(100 + arg, arg)
+            : step == '-' ? tree.deleteKey(arg)
+            : step == '=' ? tree.replaceValue(-arg, arg) : step == 'O' ? tree.inOrder([](int32_t, const char*, int) {})
+            : step == 'K' && tree.getCurrentKey(v);
+    std::string answer = ok ? (std::strchr("+-=O", step) ? "+" : std::to_string(v)) : "-";
+    int32_t keys = -1, pages = -1, links = -1;
+    if (step == 'T') answer = std::to_string(tree.test(arg != 0, &keys, &pages, &links));
+    if (step == 'T') answer += ":" + std::to_string(keys) + "/" + std::to_string(pages) + "/" + std::to_string(links);
+    if (step == 'H') answer = std::to_string(tree.depth());
+    if (step == 'W') answer = std::to_string(walk(tree, arg != 0).size());
+    if (step == 'D' && tree.getCurrentKeyDepthAndIndex(depth, index))
+      answer = std::to_string(depth) + "," + std::to_string(index);
     if (step == 'I' && cur) answer = std::to_string(BTreeTestAccess::curIndex(tree));
     if (step == 'C') answer = cur ? "c" : "x";
     if (step == 'R') answer = cur && cur->offset == BTreeTestAccess::root(tree)->offset ? "r" : "x";
