@@ -47,8 +47,7 @@ TEST(FileBase, OwnershipDecidesWhatIsClosed) {
     EXPECT_EQ("0 10 1 1 1 10 0 -1 1 ", results(wrapped));
     wrapped.Flush();
   }
-  EXPECT_EQ("01w3456789", lltest::readFile(path));
-  EXPECT_EQ(0, io::close(opened));  // left open
+  EXPECT_TRUE(lltest::readFile(path) == "01w3456789" && io::close(opened) == 0);  // left open
   ZFileBase closed, closedCopy(closed), negative(-7);
   for (ZFileBase* x : {&closedCopy, &negative})
     EXPECT_EQ("-1 -1 -1 -1 -1 -1 -1 -1 0 ", results(*x));

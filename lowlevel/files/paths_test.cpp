@@ -5,8 +5,7 @@
 
 // Resolves `path` and returns "<result>|<path afterwards>".
 static std::string resolve(std::string path, bool retry = false) {
-  bool ok = ZFile::ResolvePath(path, retry, true);
-  return (ok ? "true|" : "false|") + path;
+  return ZFile::ResolvePath(path, retry, true) ? "true|" + path : "false|" + path;
 }
 
 // ResolvePath, VerifyCd and BuildPath against one host; the default support object first.
@@ -43,10 +42,7 @@ TEST(LogicalPaths, PrefixesLocationsAndVolumes) {
   const std::pair<std::string, const char*> builds[] = {
       {"f.bin", "DATA"}, {"c:\\f.bin", "DATA"}, {"f.bin", ""}, {"f.bin", nullptr},
       {"f.bin", "EMPTY"}, {"f.bin", "NOWHERE"}};
-  for (auto b : builds) {
-    out += " " + std::to_string(ZFile::BuildPath(b.first, b.second));
-    out += b.first;
-  }
+  for (auto b : builds) out += (ZFile::BuildPath(b.first, b.second) ? " 1" : " 0") + b.first;
   EXPECT_EQ("111010000 1cd:\\data\\f.bin 0c:\\f.bin 0f.bin 0f.bin 0f.bin 0f.bin path 1 0 1;"
             "path 1 0 1;path 2 0 1;path 3 0 1;path 11 0 1;path 13 0 1;path 5 0 1;path 6 0 1;"
             "path 6 0 1;path 4 1 1;path 1 0 1;path 2 1 0;path 3 0 0;path 4 0 0;path 13 0 0;"
