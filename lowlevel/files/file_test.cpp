@@ -18,7 +18,7 @@ const unsigned short kRead = io::kOpenReadOnly;
 
 // A changer of removable volumes: volume 1 is a directory that moves between two slots.
 // (The library lets this fixture see the lists of files.)
-class ZFileTestAccess : public ::testing::Test, public lltest::RecordingSupport {
+struct ZFileTestAccess : public ::testing::Test, public lltest::RecordingSupport {
  protected:
   static size_t listed() { return ZFile::m_vCdFiles.size() + ZFile::m_vNonCdFiles.size(); }
   // Each file's list ("cd", "other", "none"; "broken" when listed twice), then "+" while it is
