@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <random>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -14,9 +13,8 @@
 TEST(BlockCache, MatchesALeastRecentlyUsedList) {
   std::mt19937 rng(3);
   for (int script = 0; script < 300; ++script) {
-    int size = static_cast<int>(rng() % 6) - 1;
-    ZBlockCache<int32_t, int> cache(size);
-    size = size < 2 ? 2 : size;
+    ZBlockCache<int32_t, int> cache(script % 6 - 1);
+    int size = std::max(2, script % 6 - 1);
     std::vector<std::pair<int32_t, int>> model;  // least recently used first
     for (int step = 0; step < 40; ++step) {
       const int32_t key = static_cast<int32_t>(rng() % 9) * 100 - 300;  // -300 .. 500

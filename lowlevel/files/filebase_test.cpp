@@ -28,33 +28,31 @@ TEST(FileBase, OwnershipDecidesWhatIsClosed) {
     copyHandle = copy.GetHandle();
     EXPECT_EQ(3, copy.Seek(3, 0));
     EXPECT_EQ("3 10 1 1 -1 10 0 -1 1 ", results(wrapped));
-    EXPECT_FALSE(wrapped.Open(dir.file("other"), io::kOpenCreate | io::kOpenReadWrite, 0600));
-    EXPECT_EQ(h, wrapped.GetHandle());  // open already: left alone, nothing created
+    // Open already: left alone, nothing created.
+    EXPECT_TRUE(!wrapped.Open(dir.file("other"), io::kOpenCreate | io::kOpenReadWrite, 0600) &&
+                wrapped.GetHandle() == h && !lltest::fileExists(dir.file("other")));
     ZFileBase assigned;
     assigned = copy;  // the same number, no duplicate
     EXPECT_EQ(copyHandle, assigned.GetHandle());
     assigned = ZFileBase();  // and the owner closes it
   }
   io::FileStat st;  // fstat tells whether a handle is open
-  EXPECT_EQ(0, io::fstat(h, &st));  // not owned: left open
-  EXPECT_NE(0, io::fstat(copyHandle, &st));
+  EXPECT_TRUE(io::fstat(h, &st) == 0 && io::fstat(copyHandle, &st) != 0);  // not owned: left open
   {
     ZFileBase wrapped(h);
-    EXPECT_TRUE(wrapped.Close());  // an explicit Close closes a handle merely given
-    EXPECT_FALSE(wrapped.Close());
+    // An explicit Close closes a handle merely given.
+    EXPECT_TRUE(wrapped.Close() && !wrapped.Close());
     EXPECT_TRUE(wrapped.Open(path, io::kOpenReadWrite, 0));  // still not owning afterwards
     opened = wrapped.GetHandle();
     EXPECT_EQ("0 10 1 1 1 10 0 -1 1 ", results(wrapped));
     wrapped.Flush();
   }
-  EXPECT_EQ(0, io::fstat(opened, &st));
-  EXPECT_EQ("01w3456789", lltest::readFile(path));
-  io::close(opened);
+  EXPECT_TRUE(lltest::readFile(path) == "01w3456789" && io::close(opened) == 0);  // left open
   ZFileBase closed, closedCopy(closed), negative(-7);
   for (ZFileBase* x : {&closedCopy, &negative})
     EXPECT_EQ("-1 -1 -1 -1 -1 -1 -1 -1 0 ", results(*x));
-  EXPECT_EQ(-2, closedCopy.GetHandle() + negative.GetHandle());
-  EXPECT_TRUE(ZFileBase(0).IsOpen());  // handle 0 is open
+  // Handle 0 is open.
+  EXPECT_TRUE(closedCopy.GetHandle() + negative.GetHandle() == -2 && ZFileBase(0).IsOpen());
   EXPECT_FALSE(negative.Close() || ZFileBase(dir.file("none"), io::kOpenReadOnly, 0).IsOpen());
   ZFileBase f(path, io::kOpenReadOnly, 0);
   h = f.GetHandle();
