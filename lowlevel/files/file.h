@@ -46,7 +46,8 @@ class LOWLEVEL_EXPORT ZFile : public ZCompressedFileBase {
   // asks for the volume once more with bRetry true and tries again.
   bool Open(const std::string& path, const std::string& location, unsigned short openFlags,
             unsigned short permissionMode);
-  // Leaves the lists and closes. False on a parked file, whose re-open this ends for good.
+  // Leaves the lists and closes. False on a parked file. A listed file's re-open ends here for
+  // good; an unlisted copy of a parked file keeps its parking and re-opens on its next use.
   bool Close() override;
   // Re-opens a parked file first.
   int GetHandle() override;
