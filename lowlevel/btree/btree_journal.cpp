@@ -154,8 +154,8 @@ size_t BTreeJournal::maxSlots() const {
 }
 
 // A free slot of the arena: a new one while the arena is below spillBytes; else one of the clean
-// blocks, which all let go; else, when `mayFlush`, one freed by flushing the dirty blocks to the
-// tree. kNoSlot when there is none (or the flush failed).
+// blocks that dropClean lets go; else, when `mayFlush`, one freed by flushing the dirty blocks to
+// the tree. kNoSlot when there is none (or the flush failed).
 size_t BTreeJournal::takeSlot(ZFile& tree, bool mayFlush) {
   if (free_.empty()) {
     const size_t slots = arena_.size() / slotSize_;
