@@ -174,6 +174,8 @@ class BTree {
   BTreePageKey prepareKey(const char* key, int length, int32_t value);
 
   bool Search(const BTreePage& page, const BTreePageKey& key, BTreePage& result, uint32_t& index);
+  // The report of a page that a search cannot read.
+  void reportUnreadablePage();
   bool PromoteInternal(BTreePage& page, const BTreePageKey& key, int32_t value, int32_t rightChild);
   bool PromoteRoot(const BTreePageKey& key, int32_t value, BTreePage& left, BTreePage& right);
   // Whether the split of the full `leaf`, and of every full page above it, fits below the 2 GiB

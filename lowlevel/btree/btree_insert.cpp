@@ -14,8 +14,29 @@ bool BTree::insertKeyNow(int32_t value, const char* key, int length) {
   BTreePageKey slot = prepareKey(key, length, value);
   BTreePage page(0, 0);
   uint32_t index = 0;
-  if (Search(*root, slot, page, index)) return false;
-  if (page.isPlaceholder()) return false;
+  bool equal = false;
+  BTreeRecord leaf;
+  switch (btreeDescend(*pageFile, *root, slot, leaf, index, equal)) {
+    case BTreeDescent::AtRoot:
+      if (equal) return false;
+      page = *root;
+      break;
+    case BTreeDescent::AtRecord:
+      if (equal) return false;
+      // Most insertions find room in a leaf below the root: its record takes the key as it lies.
+      if (leaf.keyCount + 1 < static_cast<uint32_t>(pageFile->hdr.order) &&
+          pageFile->hdr.compressed == 0) {
+        if (!pageFile->insertIntoRecord(leaf, index, slot, value)) return false;
+        pageFile->keyCount += 1;
+        return pageFile->rereadPage(pageFile->hdr.rootOffset, *root);
+      }
+      if (pageFile->decodeRecord(leaf, page)) break;
+      reportUnreadablePage();
+      return false;
+    case BTreeDescent::Failed:
+      reportUnreadablePage();
+      return false;
+  }
 
   if (page.keyCount < page.maxKeys) {
     for (uint32_t i = page.keyCount; i > index; --i) {
@@ -74,7 +95,7 @@ bool BTree::insertKeyNow(int32_t value, const char* key, int length) {
   }
   pageFile->keyCount += 1;
   pageFile->recycle(page);  // its arrays take in the root read next
-  return pageFile->readPage(pageFile->hdr.rootOffset, *root);
+  return pageFile->rereadPage(pageFile->hdr.rootOffset, *root);
 }
 
 // Far from the limit this costs one look at the file's end. Near it, the full pages above the

@@ -76,11 +76,27 @@ uint32_t halve(uint32_t count, Compare compare, bool& equal) {
   return low;
 }
 
+// Whether the slot `a` sorts after the slot `b`, both `width` bytes: memcmp's order, inline (the
+// note of a cached record is taken again after every write of it, and a call per key costs more
+// than the comparison).
+inline bool slotAfter(const unsigned char* a, const unsigned char* b, uint32_t width) {
+  uint32_t i = 0;
+  for (; i + 8 <= width; i += 8) {
+    const uint64_t x = bigEndianWord(a + i);
+    const uint64_t y = bigEndianWord(b + i);
+    if (x != y) return x > y;
+  }
+  for (; i < width; ++i) {
+    if (a[i] != b[i]) return a[i] > b[i];
+  }
+  return false;
+}
+
 // Whether every key of `record` sorts at or after the one before it.
 bool keysAscending(const BTreeRecord& record, uint32_t width) {
   for (uint32_t i = 1; i < record.keyCount; ++i) {
     const unsigned char* key = record.keys + size_t{i} * width;
-    if (std::memcmp(key - width, key, width) > 0) return false;
+    if (slotAfter(key - width, key, width)) return false;
   }
   return true;
 }
@@ -108,36 +124,50 @@ BTreePage* cursorPage(BTreePage& result) {
 }  // namespace
 
 // Goes down one level per page read. The pages passed through are looked at where they lie in the
-// page file's buffer; only the page the search ends on is built. A read that fails, or a descent
-// deeper than the file can hold (a corrupt link), reports and returns false with `result`
-// untouched; callers pass a placeholder and tell that case by it.
-bool BTree::Search(const BTreePage& page, const BTreePageKey& key, BTreePage& result,
-                   uint32_t& index) {
-  bool equal = false;
+// page file's buffer or the page cache; none is built.
+BTreeDescent btreeDescend(BTreePageFile& pageFile, const BTreePage& root, const BTreePageKey& key,
+                          BTreeRecord& record, uint32_t& index, bool& equal) {
+  equal = false;
   index = scan(
-      page.keyCount,
-      [&](uint32_t i) { return compareSlot(page.keys[i].data, page.keys[i].size, key); }, equal);
-  int32_t child = page.children[index];
-  if (equal || child == -1) {
-    result = page;
-    return equal;
-  }
-  BTreeWalkBudget budget(*pageFile);
-  const uint32_t width = static_cast<uint32_t>(pageFile->hdr.keyLength);
-  BTreeRecord record;
+      root.keyCount,
+      [&](uint32_t i) { return compareSlot(root.keys[i].data, root.keys[i].size, key); }, equal);
+  int32_t child = root.children[index];
+  if (equal || child == -1) return BTreeDescent::AtRoot;
+  BTreeWalkBudget budget(pageFile);
+  const uint32_t width = static_cast<uint32_t>(pageFile.hdr.keyLength);
   for (;;) {
-    if (!budget.step() || !pageFile->readRecord(child, record)) break;
+    if (!budget.step() || !pageFile.readRecord(child, record)) return BTreeDescent::Failed;
     index = searchRecord(
         record, width,
         [&](uint32_t i) { return compareSlot(record.keys + size_t{i} * width, width, key); },
         equal);
     child = record.child(index);
-    if (equal || child == -1) {
-      if (!pageFile->decodeRecord(record, result)) break;
-      return equal;
-    }
+    if (equal || child == -1) return BTreeDescent::AtRecord;
   }
+}
+
+void BTree::reportUnreadablePage() {
   reporterLL("Unable to read page.", "BTree::Search", eReportError, kModule, __LINE__);
+}
+
+// Only the page the search ends on is built. A read that fails, or a descent deeper than the file
+// can hold (a corrupt link), reports and returns false with `result` untouched; callers pass a
+// placeholder and tell that case by it.
+bool BTree::Search(const BTreePage& page, const BTreePageKey& key, BTreePage& result,
+                   uint32_t& index) {
+  bool equal = false;
+  BTreeRecord record;
+  switch (btreeDescend(*pageFile, page, key, record, index, equal)) {
+    case BTreeDescent::AtRoot:
+      result = page;
+      return equal;
+    case BTreeDescent::AtRecord:
+      if (pageFile->decodeRecord(record, result)) return equal;
+      break;
+    case BTreeDescent::Failed:
+      break;
+  }
+  reportUnreadablePage();
   return false;
 }
 

@@ -10,7 +10,10 @@
 
 #include <cstdint>
 
+class BTreePage;
 class BTreePageFile;
+class BTreePageKey;
+struct BTreeRecord;
 
 // The most page records that the file can hold (the page file's recordLimit, capped to 32 bits);
 // 0 when the length cannot be had.
@@ -30,5 +33,14 @@ class BTreeWalkBudget {
   int32_t steps_ = 0;
   int32_t limit_ = -1;  // not asked for yet
 };
+
+// The one descent of the tree: from `root` down to the page that holds `key`, or to the leaf where it
+// would go. `index` is the first key of that page that does not sort before `key` (as a scan from
+// the left finds it), `equal` whether that key is `key`. AtRoot: the page is `root` itself;
+// AtRecord: `record` holds it as readRecord left it (valid until the next call of the page file);
+// Failed: a read failed, or the descent went deeper than the file can hold (nothing reported).
+enum class BTreeDescent { Failed, AtRoot, AtRecord };
+BTreeDescent btreeDescend(BTreePageFile& pageFile, const BTreePage& root, const BTreePageKey& key,
+                          BTreeRecord& record, uint32_t& index, bool& equal);
 
 #endif

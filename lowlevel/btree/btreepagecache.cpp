@@ -95,19 +95,21 @@ void BTreePageCache::put(BTreeCacheFile* file, int32_t position, const unsigned 
   s.length = length;
   s.referenced = false;
   s.note = 0;
+  s.version = ++lastVersion_;
   s.bytes = std::move(copy);
   used_ += charge(length);
   file->index[position] = slot;
 }
 
 void BTreePageCache::patch(BTreeCacheFile* file, int32_t position, const unsigned char* bytes,
-                           uint32_t length) {
+                           uint32_t length, unsigned char note) {
   auto it = file->index.find(position);
   if (it == file->index.end()) return;
   Slot& s = slots_[it->second];
   if (length <= s.length) {
     std::memcpy(s.bytes.get(), bytes, length);
-    s.note = 0;
+    s.note = note;
+    s.version = ++lastVersion_;
   } else {
     file->index.erase(it);
     release(static_cast<uint32_t>(&s - slots_.data()));

@@ -52,22 +52,27 @@ class BTreePageCache {
 
   // The bytes cached at `position`, and their count in `length`; null when there are none.
   // `note` receives the entry's note byte: 0 when the entry is put or patched, free for the page
-  // file to remember what it learnt from these bytes (the order of a record's keys).
+  // file to remember what it learnt from these bytes (the order of a record's keys). `version`
+  // receives a number that changes whenever the entry's bytes do (a new one for every put and
+  // patch, never 0): equal numbers mean unchanged bytes.
   const unsigned char* find(BTreeCacheFile* file, int32_t position, uint32_t* length,
-                            unsigned char** note) {
+                            unsigned char** note, uint64_t* version) {
     auto it = file->index.find(position);
     if (it == file->index.end()) return nullptr;
     Slot& slot = slots_[it->second];
     slot.referenced = true;
     *length = slot.length;
     *note = &slot.note;
+    *version = slot.version;
     return slot.bytes.get();
   }
   // Puts a copy of `length` bytes at `position`, replacing what is there. Too large for the limit,
   // or no memory: the position is left uncached.
   void put(BTreeCacheFile* file, int32_t position, const unsigned char* bytes, uint32_t length);
-  // Overwrites the start of the entry at `position` with `length` bytes, when there is one that long.
-  void patch(BTreeCacheFile* file, int32_t position, const unsigned char* bytes, uint32_t length);
+  // Overwrites the start of the entry at `position` with `length` bytes, when there is one that
+  // long; its note becomes `note`.
+  void patch(BTreeCacheFile* file, int32_t position, const unsigned char* bytes, uint32_t length,
+             unsigned char note = 0);
   void erase(BTreeCacheFile* file, int32_t position);
   void clear(BTreeCacheFile* file);
   void clearAll();
@@ -79,6 +84,7 @@ class BTreePageCache {
     uint32_t length = 0;
     bool referenced = false;
     unsigned char note = 0;
+    uint64_t version = 0;
     std::unique_ptr<unsigned char[]> bytes;
   };
   static size_t charge(uint32_t length) { return length + kSlotOverhead; }
@@ -92,6 +98,7 @@ class BTreePageCache {
   std::vector<Slot> slots_;
   std::vector<uint32_t> freeSlots_;
   size_t hand_ = 0;
+  uint64_t lastVersion_ = 0;
   std::map<std::pair<uint64_t, uint64_t>, std::unique_ptr<BTreeCacheFile>> files_;
 };
 

@@ -348,6 +348,30 @@ bool BTreePageFile::readPage(int32_t offset, BTreePage& page) {
   return readRecord(offset, record) && decodeRecord(record, page);
 }
 
+bool BTreePageFile::rereadPage(int32_t offset, BTreePage& page) {
+  if (&page == rereadTarget && offset == rereadOffset && !batching()) {
+    const int64_t position = static_cast<int64_t>(offset) + offsetStart;
+    BTreeCacheFile* cached = position <= INT32_MAX ? cacheForRead(static_cast<int32_t>(position)) : nullptr;
+    uint32_t length = 0;
+    unsigned char* note = nullptr;
+    uint64_t version = 0;
+    if (cached != nullptr &&
+        BTreePageCache::instance().find(cached, static_cast<int32_t>(position), &length, &note,
+                                        &version) != nullptr &&
+        version == rereadVersion)
+      return true;
+  }
+  rereadTarget = nullptr;
+  BTreeRecord record;
+  if (!readRecord(offset, record) || !decodeRecord(record, page)) return false;
+  if (record.cacheVersion != 0) {
+    rereadTarget = &page;
+    rereadOffset = offset;
+    rereadVersion = record.cacheVersion;
+  }
+  return true;
+}
+
 bool BTreePageFile::readRecord(int32_t offset, BTreeRecord& record) {
   if (hdr.order < 2 || hdr.keyLength < 1 || keyBuffer == nullptr) return false;
   const int64_t position = static_cast<int64_t>(offset) + offsetStart;
@@ -363,12 +387,16 @@ bool BTreePageFile::readRecord(int32_t offset, BTreeRecord& record) {
   if (cached != nullptr) {
     uint32_t length = 0;
     unsigned char* note = nullptr;
-    const unsigned char* bytes =
-        BTreePageCache::instance().find(cached, static_cast<int32_t>(position), &length, &note);
+    uint64_t version = 0;
+    const unsigned char* bytes = BTreePageCache::instance().find(
+        cached, static_cast<int32_t>(position), &length, &note, &version);
     if (bytes != nullptr) {
       const bool read = hdr.compressed != 0 ? readCompressedRecord(offset, record, bytes, length)
                                             : readUncompressedRecord(offset, record, bytes);
-      if (read) record.keyOrder = note;
+      if (read) {
+        record.keyOrder = note;
+        record.cacheVersion = version;
+      }
       return read;
     }
   }
@@ -592,6 +620,49 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
   if (isRoot) hdr.rootOffset = page.offset;
   // The page is on disk; the header follows it but may lag (its failure is not the page's: the
   // next header write, at the latest the one when the file is closed, brings it up to date).
+  if (headerAfterPageWrite) writeHeader();
+  return true;
+}
+
+bool BTreePageFile::insertIntoRecord(const BTreeRecord& record, uint32_t index,
+                                     const BTreePageKey& key, int32_t value) {
+  const uint32_t order = static_cast<uint32_t>(hdr.order);
+  const uint32_t width = static_cast<uint32_t>(hdr.keyLength);
+  const uint32_t maxKeys = order - 1;
+  const uint32_t count = record.keyCount;
+  if (hdr.compressed != 0 || hdr.order < 2 || keyBuffer == nullptr || record.keys == nullptr ||
+      count >= maxKeys || index > count || record.offset < kBTreeHeaderSize ||
+      record.child(index) != -1)
+    return false;
+  const int64_t recordSize = btreeRecordSize(hdr.order, hdr.keyLength);
+  if (recordSize <= 0) return false;
+  if (!fitsFileLimit(record.offset, recordSize)) {
+    return refuseBeyondFileLimit(name, "BTreePageFile::writePage", kModule, __LINE__);
+  }
+  // The record lies in ioBuffer (read from the file: changed in place) or in the cache (copied).
+  const unsigned char* from = record.keys - kBTreePageHeadSize;
+  unsigned char* out = from == ioBuffer ? ioBuffer : ioSpace(static_cast<size_t>(recordSize));
+  if (out == nullptr) return false;
+  const unsigned char note =
+      record.keyOrder != nullptr && *record.keyOrder == kKeyOrderAscending
+          ? kKeyOrderAscending  // the key goes where the search put it: still in order
+          : kKeyOrderUnknown;
+  if (out != from) std::memcpy(out, from, static_cast<size_t>(recordSize));
+  put32(out + 12, static_cast<int32_t>(maxKeys));  // the page is shaped by the header
+  put32(out + 16, static_cast<int32_t>(order >> 1));
+  put32(out + 20, static_cast<int32_t>(count + 1));
+  unsigned char* keys = out + kBTreePageHeadSize;
+  unsigned char* slot = keys + size_t{index} * width;
+  std::memmove(slot + width, slot, size_t{count - index} * width);
+  std::memset(slot, 0, width);
+  if (key.data != nullptr) BTreePageKey::copyBytes(slot, key.data, key.size < width ? key.size : width);
+  // Slots behind the keys go out as zeros, as writePage writes empty slots.
+  std::memset(keys + size_t{count + 1} * width, 0, size_t{maxKeys - count - 1} * width);
+  unsigned char* values = keys + size_t{maxKeys} * width + 4 * size_t{index};
+  std::memmove(values + 4, values, 4 * size_t{count - index});
+  put32(values, value);
+  if (!batching() && file.Seek(record.offset, 0) != record.offset) return false;
+  if (writeThrough(record.offset, out, static_cast<int>(recordSize), note) != recordSize) return false;
   if (headerAfterPageWrite) writeHeader();
   return true;
 }

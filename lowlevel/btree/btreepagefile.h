@@ -64,6 +64,8 @@ struct BTreeRecord {
   // For a record the page cache answered: its note about the order of the keys (kKeyOrder...),
   // which a search may read and set; null for a record read from the file.
   unsigned char* keyOrder = nullptr;
+  // For a record the page cache answered: the version of its entry (BTreePageCache::find); else 0.
+  uint64_t cacheVersion = 0;
 
   int32_t value(uint32_t i) const { return load32(values + 4 * static_cast<size_t>(i)); }
   int32_t child(uint32_t i) const { return load32(children + 4 * static_cast<size_t>(i)); }
@@ -120,6 +122,18 @@ class BTreePageFile {
   // wider than the slot, or 0 for a used key. The record's maxKeys and minKeys are not trusted: the
   // page is built from the header.
   bool readPage(int32_t offset, BTreePage& page);
+  // readPage for a page kept between operations (the tree's root). When the last call of this
+  // read `page` at `offset` from the page cache and the cached bytes have not changed since, the
+  // read would answer from the cache with the same page, so it is skipped: same result, same
+  // calls, without decoding the record again. Anything else reads as readPage does.
+  bool rereadPage(int32_t offset, BTreePage& page);
+  // Puts `key` with `value` in at `index` of the leaf `record` (readRecord's, of an uncompressed
+  // file, with room for one more key), and writes it where it stands, followed by the header as
+  // writePage does. The bytes written are those writePage would write after the same insertion into
+  // the page that readPage builds from `record`; only the page is never built. False (nothing
+  // written) when `record` is not such a leaf, and when a write fails.
+  bool insertIntoRecord(const BTreeRecord& record, uint32_t index, const BTreePageKey& key,
+                        int32_t value);
   // The same read and the same checks as readPage, without building a page: a search that only
   // passes through a page looks at the record where it lies. On false `record` is unchanged.
   bool readRecord(int32_t offset, BTreeRecord& record);
@@ -198,7 +212,9 @@ class BTreePageFile {
   BTreeCacheFile* cacheForRead(int32_t position);
   void cacheDetach();
   void cacheTruncated();
-  int writeThrough(int32_t position, const void* bytes, int length);
+  // `note`: what the cache may keep as the written record's note (kKeyOrder...).
+  int writeThrough(int32_t position, const void* bytes, int length,
+                   unsigned char note = kKeyOrderUnknown);
   unsigned char* ioSpace(size_t bytes);
   BTreePage* scratchPage();
   bool allocateKeyBuffer();
@@ -215,6 +231,10 @@ class BTreePageFile {
   uint32_t recordBytes = 0;  // bytes of the record that the last read from the file took
   BTreeCacheFile* cacheFile = nullptr;  // attached on first use while the cache is on
   int cacheHandle = -1;                 // the handle the file had when attached
+  // What the last rereadPage took from the cache: the page it filled, where from, which version.
+  const BTreePage* rereadTarget = nullptr;
+  int32_t rereadOffset = -1;
+  uint64_t rereadVersion = 0;
 };
 
 #endif

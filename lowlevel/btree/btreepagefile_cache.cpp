@@ -85,7 +85,8 @@ void BTreePageFile::cacheForget() {
   if (cached != nullptr) BTreePageCache::instance().clear(cached);
 }
 
-int BTreePageFile::writeThrough(int32_t position, const void* bytes, int length) {
+int BTreePageFile::writeThrough(int32_t position, const void* bytes, int length,
+                                unsigned char note) {
   // A batch's writes wait in the journal's overlay and reads in a batch pass the cache by; the
   // entries are dropped when the batch ends (cacheForget), as other readers may have cached bytes
   // the batch then changed.
@@ -112,7 +113,7 @@ int BTreePageFile::writeThrough(int32_t position, const void* bytes, int length)
   } else {
     // A page that is cached takes the new bytes; one that is not stays out (a bulk build or a
     // long run of inserts would otherwise push out what reads brought in).
-    cache.patch(cached, position, data, static_cast<uint32_t>(length));
+    cache.patch(cached, position, data, static_cast<uint32_t>(length), note);
   }
   if (cache.checkChanges()) io::fileIdentity(cacheHandle, &cached->stamp);
   return written;
