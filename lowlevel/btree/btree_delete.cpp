@@ -118,9 +118,29 @@ bool BTree::internalDeleteKey(BTreePageKey& key) {
   BTreePage page(0, 0);
   BTreePageRecycler recycler(*pageFile, page);
   uint32_t index = 0;
-  if (!Search(*root, key, page, index) || page.isPlaceholder() || index >= page.keyCount) {
-    return false;
+  bool equal = false;
+  BTreeRecord record;
+  switch (btreeDescend(*pageFile, *root, key, record, index, equal)) {
+    case BTreeDescent::AtRoot:
+      if (!equal) return false;
+      page = *root;
+      break;
+    case BTreeDescent::AtRecord:
+      if (!equal) return false;
+      // Most deletions take a key from a leaf below the root that has one to spare: its record
+      // gives the key up as it lies.
+      if (record.child(0) == -1 && record.parentOffset != -1 &&
+          record.keyCount > static_cast<uint32_t>(pageFile->hdr.order >> 1) &&
+          pageFile->hdr.compressed == 0)
+        return pageFile->removeFromRecord(record, index);
+      if (pageFile->decodeRecord(record, page)) break;
+      reportUnreadablePage();
+      return false;
+    case BTreeDescent::Failed:
+      reportUnreadablePage();
+      return false;
   }
+  if (index >= page.keyCount) return false;
   if (page.children[0] != -1) return deleteFromInterior(page, index);
 
   removeKeyAndChild(page, index, index + 1);

@@ -334,11 +334,11 @@ TEST_F(TreeTest, InsertionsSplitPagesIntoTheseRecords) {
   EXPECT_EQ(records(path), records({2, 4}, 2, 2, {rec(2, {1}), rec(2, {}), rec(-1, {2}, {0, 1})}));
 }
 
-// An insertion into a leaf with room rewrites that record alone, and then the header with the count
-// before it: the record's stray maxKeys and minKeys are set from the header and its unused key
-// slots zeroed, while its unused values stay. The same with the leaf read from the file and from
-// the page cache.
-TEST_F(TreeTest, AnInsertionIntoALeafRewritesItsRecordAndTheHeader) {
+// An insertion into a leaf with room, and a deletion from one with a key to spare, rewrite that
+// record alone, and then the header with the count before it: the record's stray maxKeys and
+// minKeys are set from the header and its unused key slots zeroed, while its unused values stay.
+// The same with the leaf read from the file and from the page cache.
+TEST_F(TreeTest, ChangesOfALeafRewriteItsRecordAndTheHeader) {
   const Shape five{5, 4};
   for (size_t cache : {size_t{0}, size_t{1} << 20}) {
     setBTreePageCacheSize(cache);
@@ -347,16 +347,19 @@ TEST_F(TreeTest, AnInsertionIntoALeafRewritesItsRecordAndTheHeader) {
     patchFile(path, leaf + 12, le4(9) + le4(7));
     patchFile(path, leaf + 28 + 2 * 4, "ab\xff" + std::string(1, '\0') + "cdef");
     patchFile(path, values + 3 * 4, le4(-77));
+    patchFile(path, values + 4 * 4 + 3 * 4, le4(999));  // a stray child, which a deletion moves on
     std::string expected = lltest::readFile(path);
     {
       BTree tree(path, false, 0);
       int32_t v = 0;
       ASSERT_TRUE(tree.find(v, int32_t{1}) && tree.insertKey(102, int32_t{2}) && tree.insertKey(108, int32_t{8}));
-      EXPECT_EQ(steps(tree, "f2 f3 f8 T0"), "102 103 108 1:6/3/0");
       EXPECT_EQ(field(lltest::readFile(path), 24), 5);
+      ASSERT_TRUE(tree.deleteKey(int32_t{1}));
+      EXPECT_EQ(field(lltest::readFile(path), 24), 6);
+      EXPECT_EQ(steps(tree, "f1 f2 f3 f8 T0"), "- 102 103 108 1:5/3/0");
     }
-    expected.replace(24, 4, le4(6));
-    expected.replace(leaf, five.recordSize(), five.encode(1, rec(0, {1, 2, 3})).replace(values - leaf + 12, 4, le4(-77)));
+    expected.replace(24, 4, le4(5));
+    expected.replace(leaf, five.recordSize(), five.encode(1, rec(0, {2, 3})).replace(values - leaf + 12, 4, le4(-77)).replace(values - leaf + 24, 4, le4(999)));
     expected.replace(five.at(2), five.recordSize(), five.encode(2, rec(0, {7, 8})));
     EXPECT_EQ(hex(lltest::readFile(path)), hex(expected));
   }

@@ -624,33 +624,54 @@ bool BTreePageFile::writePage(BTreePage& page, bool isRoot) {
   return true;
 }
 
-bool BTreePageFile::insertIntoRecord(const BTreeRecord& record, uint32_t index,
-                                     const BTreePageKey& key, int32_t value) {
-  const uint32_t order = static_cast<uint32_t>(hdr.order);
-  const uint32_t width = static_cast<uint32_t>(hdr.keyLength);
-  const uint32_t maxKeys = order - 1;
+// The record of a leaf with room (or with a key to spare), in ioBuffer, ready to be changed: read
+// from the file it lies there already; from the cache it is copied. Null when `record` is not such
+// a leaf, or the record would end beyond the file limit (reported).
+unsigned char* BTreePageFile::leafRecordToChange(const BTreeRecord& record, uint32_t index) {
   const uint32_t count = record.keyCount;
   if (hdr.compressed != 0 || hdr.order < 2 || keyBuffer == nullptr || record.keys == nullptr ||
-      count >= maxKeys || index > count || record.offset < kBTreeHeaderSize ||
-      record.child(index) != -1)
-    return false;
+      count >= static_cast<uint32_t>(hdr.order) || index > count ||
+      record.offset < kBTreeHeaderSize || record.child(index) != -1)
+    return nullptr;
   const int64_t recordSize = btreeRecordSize(hdr.order, hdr.keyLength);
-  if (recordSize <= 0) return false;
+  if (recordSize <= 0) return nullptr;
   if (!fitsFileLimit(record.offset, recordSize)) {
-    return refuseBeyondFileLimit(name, "BTreePageFile::writePage", kModule, __LINE__);
+    refuseBeyondFileLimit(name, "BTreePageFile::writePage", kModule, __LINE__);
+    return nullptr;
   }
-  // The record lies in ioBuffer (read from the file: changed in place) or in the cache (copied).
   const unsigned char* from = record.keys - kBTreePageHeadSize;
-  unsigned char* out = from == ioBuffer ? ioBuffer : ioSpace(static_cast<size_t>(recordSize));
-  if (out == nullptr) return false;
-  const unsigned char note =
-      record.keyOrder != nullptr && *record.keyOrder == kKeyOrderAscending
-          ? kKeyOrderAscending  // the key goes where the search put it: still in order
-          : kKeyOrderUnknown;
-  if (out != from) std::memcpy(out, from, static_cast<size_t>(recordSize));
-  put32(out + 12, static_cast<int32_t>(maxKeys));  // the page is shaped by the header
+  if (from == ioBuffer) return ioBuffer;
+  unsigned char* out = ioSpace(static_cast<size_t>(recordSize));
+  if (out != nullptr) std::memcpy(out, from, static_cast<size_t>(recordSize));
+  return out;
+}
+
+// Writes the changed leaf record back where it stands, as writePage does: the page is shaped by
+// the header, and the header follows. `ordered`: its keys are known to be in order.
+bool BTreePageFile::writeLeafRecord(int32_t offset, unsigned char* out, uint32_t keyCount,
+                                    bool ordered) {
+  const uint32_t order = static_cast<uint32_t>(hdr.order);
+  put32(out + 12, static_cast<int32_t>(order - 1));
   put32(out + 16, static_cast<int32_t>(order >> 1));
-  put32(out + 20, static_cast<int32_t>(count + 1));
+  put32(out + 20, static_cast<int32_t>(keyCount));
+  const int recordSize = static_cast<int>(btreeRecordSize(hdr.order, hdr.keyLength));
+  if (!batching() && file.Seek(offset, 0) != offset) return false;
+  if (writeThrough(offset, out, recordSize, ordered ? kKeyOrderAscending : kKeyOrderUnknown) !=
+      recordSize)
+    return false;
+  if (headerAfterPageWrite) writeHeader();
+  return true;
+}
+
+bool BTreePageFile::insertIntoRecord(const BTreeRecord& record, uint32_t index,
+                                     const BTreePageKey& key, int32_t value) {
+  const uint32_t width = static_cast<uint32_t>(hdr.keyLength);
+  const uint32_t maxKeys = static_cast<uint32_t>(hdr.order) - 1;
+  const uint32_t count = record.keyCount;
+  // The key goes where the search put it: keys that were in order stay in order.
+  const bool ordered = record.keyOrder != nullptr && *record.keyOrder == kKeyOrderAscending;
+  unsigned char* out = count < maxKeys ? leafRecordToChange(record, index) : nullptr;
+  if (out == nullptr) return false;
   unsigned char* keys = out + kBTreePageHeadSize;
   unsigned char* slot = keys + size_t{index} * width;
   std::memmove(slot + width, slot, size_t{count - index} * width);
@@ -661,10 +682,30 @@ bool BTreePageFile::insertIntoRecord(const BTreeRecord& record, uint32_t index,
   unsigned char* values = keys + size_t{maxKeys} * width + 4 * size_t{index};
   std::memmove(values + 4, values, 4 * size_t{count - index});
   put32(values, value);
-  if (!batching() && file.Seek(record.offset, 0) != record.offset) return false;
-  if (writeThrough(record.offset, out, static_cast<int>(recordSize), note) != recordSize) return false;
-  if (headerAfterPageWrite) writeHeader();
-  return true;
+  return writeLeafRecord(record.offset, out, count + 1, ordered);
+}
+
+bool BTreePageFile::removeFromRecord(const BTreeRecord& record, uint32_t index) {
+  const uint32_t width = static_cast<uint32_t>(hdr.keyLength);
+  const uint32_t maxKeys = static_cast<uint32_t>(hdr.order) - 1;
+  const uint32_t count = record.keyCount;
+  const bool ordered = record.keyOrder != nullptr && *record.keyOrder == kKeyOrderAscending;
+  unsigned char* out = index < count ? leafRecordToChange(record, index) : nullptr;
+  if (out == nullptr) return false;
+  const uint32_t left = count - 1;
+  unsigned char* keys = out + kBTreePageHeadSize;
+  std::memmove(keys + size_t{index} * width, keys + size_t{index + 1} * width,
+               size_t{left - index} * width);
+  std::memset(keys + size_t{left} * width, 0, size_t{maxKeys - left} * width);
+  unsigned char* values = keys + size_t{maxKeys} * width;
+  std::memmove(values + 4 * size_t{index}, values + 4 * size_t{index + 1}, 4 * size_t{left - index});
+  put32(values + 4 * size_t{left}, 0);
+  // The children close up behind the key as in any page (a leaf's are all -1 unless damaged).
+  unsigned char* children = values + 4 * size_t{maxKeys};
+  std::memmove(children + 4 * size_t{index + 1}, children + 4 * size_t{index + 2},
+               4 * size_t{left - index});
+  put32(children + 4 * size_t{count}, -1);
+  return writeLeafRecord(record.offset, out, left, ordered);
 }
 
 int32_t BTreePageFile::fileEnd() { return batching() ? journal->length() : file.Seek(0, 2); }

@@ -134,6 +134,9 @@ class BTreePageFile {
   // written) when `record` is not such a leaf, and when a write fails.
   bool insertIntoRecord(const BTreeRecord& record, uint32_t index, const BTreePageKey& key,
                         int32_t value);
+  // Takes key `index` out of the leaf `record` (as insertIntoRecord's, with a key to spare) and
+  // writes it as writePage would write the page after the same removal, then the header.
+  bool removeFromRecord(const BTreeRecord& record, uint32_t index);
   // The same read and the same checks as readPage, without building a page: a search that only
   // passes through a page looks at the record where it lies. On false `record` is unchanged.
   bool readRecord(int32_t offset, BTreeRecord& record);
@@ -216,6 +219,8 @@ class BTreePageFile {
   int writeThrough(int32_t position, const void* bytes, int length,
                    unsigned char note = kKeyOrderUnknown);
   unsigned char* ioSpace(size_t bytes);
+  unsigned char* leafRecordToChange(const BTreeRecord& record, uint32_t index);
+  bool writeLeafRecord(int32_t offset, unsigned char* out, uint32_t keyCount, bool ordered);
   BTreePage* scratchPage();
   bool allocateKeyBuffer();
   // The end of the file as the tree sees it (through the journal in a batch), -1 when unknown.
