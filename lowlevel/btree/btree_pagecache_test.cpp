@@ -4,6 +4,7 @@
 // Searches of cached pages halve the keys when they are in order; on a damaged file whose leaves
 // hold their keys in reverse, every answer must still be the left-to-right scan's.
 #include <cstdint>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -150,6 +151,38 @@ TEST(BTreePageCache, HalvingAnswersAsTheScanOnPagesInAndOutOfOrder) {
   EXPECT_NE(sorted, reversed);  // the damage shows: some keys are no longer found
   EXPECT_EQ(reversed, answers(path, 1 << 20));
   setBTreePageCacheSize(0);
+}
+
+
+// The index of cached positions against a map, through growth, erasures that shift probe chains
+// back, and clearing. Half the positions hash to the last buckets of the table (found with the
+// index's hash), so that their chains wrap around its end.
+TEST(BTreeCacheIndex, AgreesWithAMap) {
+  std::vector<int32_t> crowded;
+  for (int32_t p = 46; crowded.size() < 40; p += 104)
+    if ((static_cast<uint32_t>(p) * 2654435769u) >> 24 >= 0xFC) crowded.push_back(p);
+  BTreeCacheIndex index;
+  std::map<int32_t, uint32_t> model;
+  std::mt19937 rng(3);
+  for (uint32_t step = 0; step < 20000; ++step) {
+    const int32_t position = rng() % 2 ? crowded[rng() % crowded.size()] : static_cast<int32_t>(rng() % 300) * 46;
+    if (step == 15000) {
+      index.clear();
+      model.clear();
+    } else if (rng() % 3 == 0) {
+      index.erase(position);
+      model.erase(position);
+    } else {
+      ASSERT_TRUE(index.set(position, step));
+      model[position] = step;
+    }
+    const uint32_t* at = index.find(position);
+    ASSERT_EQ(at ? int64_t{*at} : -1, model.count(position) ? int64_t{model[position]} : -1) << step;
+  }
+  size_t slots = 0;
+  index.forEachSlot([&](uint32_t) { ++slots; });
+  EXPECT_EQ(slots, model.size());
+  for (const auto& entry : model) EXPECT_EQ(*index.find(entry.first), entry.second);
 }
 
 }  // namespace

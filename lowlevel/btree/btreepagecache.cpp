@@ -6,6 +6,67 @@
 
 #include "lowlevel/btree/btree.h"
 
+bool BTreeCacheIndex::grow() {
+  const size_t capacity = capacity_ == 0 ? 64 : 2 * capacity_;
+  std::unique_ptr<Entry[]> entries(new (std::nothrow) Entry[capacity]);
+  if (!entries) return false;
+  for (size_t i = 0; i < capacity; ++i) entries[i].position = kEmpty;
+  std::unique_ptr<Entry[]> old = std::move(entries_);
+  const size_t oldCapacity = capacity_;
+  entries_ = std::move(entries);
+  capacity_ = capacity;
+  mask_ = capacity - 1;
+  shift_ = 32;
+  for (size_t c = capacity; c > 1; c >>= 1) --shift_;
+  for (size_t i = 0; i < oldCapacity; ++i) {
+    if (old[i].position == kEmpty) continue;
+    size_t at = home(old[i].position);
+    while (entries_[at].position != kEmpty) at = (at + 1) & mask_;
+    entries_[at] = old[i];
+  }
+  return true;
+}
+
+bool BTreeCacheIndex::set(int32_t position, uint32_t slot) {
+  if (uint32_t* at = find(position)) {
+    *at = slot;
+    return true;
+  }
+  if (2 * (count_ + 1) > capacity_ && !grow()) return false;  // at most half full
+  size_t at = home(position);
+  while (entries_[at].position != kEmpty) at = (at + 1) & mask_;
+  entries_[at] = Entry{position, slot};
+  ++count_;
+  return true;
+}
+
+// Backward shift: the entries after the hole that may move into it do, so that no probe sequence
+// is cut by an empty entry.
+void BTreeCacheIndex::erase(int32_t position) {
+  if (count_ == 0) return;
+  size_t hole = home(position);
+  while (entries_[hole].position != position) {
+    if (entries_[hole].position == kEmpty) return;
+    hole = (hole + 1) & mask_;
+  }
+  for (size_t next = (hole + 1) & mask_; entries_[next].position != kEmpty; next = (next + 1) & mask_) {
+    const size_t want = home(entries_[next].position);
+    // `next` stays when its home lies cyclically in (hole, next].
+    const bool stays = hole <= next ? (hole < want && want <= next) : (hole < want || want <= next);
+    if (stays) continue;
+    entries_[hole] = entries_[next];
+    hole = next;
+  }
+  entries_[hole].position = kEmpty;
+  --count_;
+}
+
+void BTreeCacheIndex::clear() {
+  entries_.reset();
+  capacity_ = mask_ = count_ = 0;
+  shift_ = 32;
+}
+
 BTreePageCache& BTreePageCache::instance() {
   static BTreePageCache cache;
   return cache;
@@ -98,34 +159,35 @@ void BTreePageCache::put(BTreeCacheFile* file, int32_t position, const unsigned 
   s.version = ++lastVersion_;
   s.bytes = std::move(copy);
   used_ += charge(length);
-  file->index[position] = slot;
+  if (!file->index.set(position, slot)) release(slot);  // no memory for the index: not cached
 }
 
 void BTreePageCache::patch(BTreeCacheFile* file, int32_t position, const unsigned char* bytes,
                            uint32_t length, unsigned char note) {
-  auto it = file->index.find(position);
-  if (it == file->index.end()) return;
-  Slot& s = slots_[it->second];
+  const uint32_t* at = file->index.find(position);
+  if (at == nullptr) return;
+  Slot& s = slots_[*at];
   if (length <= s.length) {
     std::memcpy(s.bytes.get(), bytes, length);
     s.note = note;
     s.version = ++lastVersion_;
   } else {
-    file->index.erase(it);
-    release(static_cast<uint32_t>(&s - slots_.data()));
+    const uint32_t slot = *at;
+    file->index.erase(position);
+    release(slot);
   }
 }
 
 void BTreePageCache::erase(BTreeCacheFile* file, int32_t position) {
-  auto it = file->index.find(position);
-  if (it == file->index.end()) return;
-  const uint32_t slot = it->second;
-  file->index.erase(it);
+  const uint32_t* at = file->index.find(position);
+  if (at == nullptr) return;
+  const uint32_t slot = *at;
+  file->index.erase(position);
   release(slot);
 }
 
 void BTreePageCache::clear(BTreeCacheFile* file) {
-  for (const auto& entry : file->index) release(entry.second);
+  file->index.forEachSlot([this](uint32_t slot) { release(slot); });
   file->index.clear();
 }
 

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -25,13 +24,53 @@ struct BTreeCacheLayout {
   }
 };
 
+// Physical position -> slot, by open addressing with linear probing. Every level of every search
+// looks a position up; a node-based map costs two dependent cache misses there, this usually one.
+class BTreeCacheIndex {
+ public:
+  // The slot at `position`, or null. Positions are never negative.
+  uint32_t* find(int32_t position) {
+    if (count_ == 0) return nullptr;
+    for (size_t i = home(position);; i = (i + 1) & mask_) {
+      if (entries_[i].position == position) return &entries_[i].slot;
+      if (entries_[i].position == kEmpty) return nullptr;
+    }
+  }
+  // Sets the slot at `position`. False when the table could not grow (no memory): nothing changed.
+  bool set(int32_t position, uint32_t slot);
+  void erase(int32_t position);
+  // Forgets every position and frees the table.
+  void clear();
+  template <class F>
+  void forEachSlot(F f) const {
+    for (size_t i = 0; i < capacity_; ++i)
+      if (entries_[i].position != kEmpty) f(entries_[i].slot);
+  }
+
+ private:
+  struct Entry {
+    int32_t position;
+    uint32_t slot;
+  };
+  static constexpr int32_t kEmpty = -1;
+  // Fibonacci hashing: positions are a header plus multiples of the record size.
+  size_t home(int32_t position) const {
+    return (static_cast<uint32_t>(position) * 2654435769u) >> shift_;
+  }
+  bool grow();
+
+  std::unique_ptr<Entry[]> entries_;
+  size_t capacity_ = 0, mask_ = 0, count_ = 0;
+  unsigned shift_ = 32;
+};
+
 // The entries of one file, shared by every page file attached to it.
 struct BTreeCacheFile {
   uint64_t device = 0, number = 0;
   int attached = 0;
   BTreeCacheLayout layout;                   // set by the first page file to attach, or a creator
   lowlevel::platform::FileIdentity stamp;    // size and change time last seen (change checks)
-  std::unordered_map<int32_t, uint32_t> index;  // physical position -> slot
+  BTreeCacheIndex index;                     // physical position -> slot
 };
 
 class BTreePageCache {
@@ -57,9 +96,9 @@ class BTreePageCache {
   // patch, never 0): equal numbers mean unchanged bytes.
   const unsigned char* find(BTreeCacheFile* file, int32_t position, uint32_t* length,
                             unsigned char** note, uint64_t* version) {
-    auto it = file->index.find(position);
-    if (it == file->index.end()) return nullptr;
-    Slot& slot = slots_[it->second];
+    const uint32_t* at = file->index.find(position);
+    if (at == nullptr) return nullptr;
+    Slot& slot = slots_[*at];
     slot.referenced = true;
     *length = slot.length;
     *note = &slot.note;
@@ -91,7 +130,7 @@ class BTreePageCache {
   void release(uint32_t slot);
   bool evictOne();
 
-  static constexpr size_t kSlotOverhead = 64;  // the slot, the index node, the allocator's share
+  static constexpr size_t kSlotOverhead = 64;  // the slot, its share of the index, the allocator's
   size_t limit_ = 0;
   size_t used_ = 0;
   bool check_ = false;
