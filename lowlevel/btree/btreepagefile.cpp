@@ -646,10 +646,13 @@ unsigned char* BTreePageFile::leafRecordToChange(const BTreeRecord& record, uint
   return out;
 }
 
-// Writes the changed leaf record back where it stands, as writePage does: the page is shaped by
-// the header, and the header follows. `ordered`: its keys are known to be in order.
-bool BTreePageFile::writeLeafRecord(int32_t offset, unsigned char* out, uint32_t keyCount,
-                                    bool ordered) {
+// Writes `out`, the changed bytes of the leaf `record`, back where it stands, as writePage does:
+// the page is shaped by the header, and the header follows. A key put in where the search found
+// its place, or taken out, leaves keys that were in order in order: the cache keeps that note.
+bool BTreePageFile::writeLeafRecord(const BTreeRecord& record, unsigned char* out,
+                                    uint32_t keyCount) {
+  const bool ordered = record.keyOrder != nullptr && *record.keyOrder == kKeyOrderAscending;
+  const int32_t offset = record.offset;
   const uint32_t order = static_cast<uint32_t>(hdr.order);
   put32(out + 12, static_cast<int32_t>(order - 1));
   put32(out + 16, static_cast<int32_t>(order >> 1));
@@ -668,8 +671,6 @@ bool BTreePageFile::insertIntoRecord(const BTreeRecord& record, uint32_t index,
   const uint32_t width = static_cast<uint32_t>(hdr.keyLength);
   const uint32_t maxKeys = static_cast<uint32_t>(hdr.order) - 1;
   const uint32_t count = record.keyCount;
-  // The key goes where the search put it: keys that were in order stay in order.
-  const bool ordered = record.keyOrder != nullptr && *record.keyOrder == kKeyOrderAscending;
   unsigned char* out = count < maxKeys ? leafRecordToChange(record, index) : nullptr;
   if (out == nullptr) return false;
   unsigned char* keys = out + kBTreePageHeadSize;
@@ -682,14 +683,13 @@ bool BTreePageFile::insertIntoRecord(const BTreeRecord& record, uint32_t index,
   unsigned char* values = keys + size_t{maxKeys} * width + 4 * size_t{index};
   std::memmove(values + 4, values, 4 * size_t{count - index});
   put32(values, value);
-  return writeLeafRecord(record.offset, out, count + 1, ordered);
+  return writeLeafRecord(record, out, count + 1);
 }
 
 bool BTreePageFile::removeFromRecord(const BTreeRecord& record, uint32_t index) {
   const uint32_t width = static_cast<uint32_t>(hdr.keyLength);
   const uint32_t maxKeys = static_cast<uint32_t>(hdr.order) - 1;
   const uint32_t count = record.keyCount;
-  const bool ordered = record.keyOrder != nullptr && *record.keyOrder == kKeyOrderAscending;
   unsigned char* out = index < count ? leafRecordToChange(record, index) : nullptr;
   if (out == nullptr) return false;
   const uint32_t left = count - 1;
@@ -705,7 +705,7 @@ bool BTreePageFile::removeFromRecord(const BTreeRecord& record, uint32_t index) 
   std::memmove(children + 4 * size_t{index + 1}, children + 4 * size_t{index + 2},
                4 * size_t{left - index});
   put32(children + 4 * size_t{count}, -1);
-  return writeLeafRecord(record.offset, out, left, ordered);
+  return writeLeafRecord(record, out, left);
 }
 
 int32_t BTreePageFile::fileEnd() { return batching() ? journal->length() : file.Seek(0, 2); }

@@ -220,7 +220,7 @@ class BTreePageFile {
                    unsigned char note = kKeyOrderUnknown);
   unsigned char* ioSpace(size_t bytes);
   unsigned char* leafRecordToChange(const BTreeRecord& record, uint32_t index);
-  bool writeLeafRecord(int32_t offset, unsigned char* out, uint32_t keyCount, bool ordered);
+  bool writeLeafRecord(const BTreeRecord& record, unsigned char* out, uint32_t keyCount);
   BTreePage* scratchPage();
   bool allocateKeyBuffer();
   // The end of the file as the tree sees it (through the journal in a batch), -1 when unknown.
