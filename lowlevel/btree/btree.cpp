@@ -234,6 +234,7 @@ void BTree::clearCurPage() {
   if (curPage != nullptr && pageFile != nullptr) pageFile->recycle(*curPage);
   delete curPage;
   curPage = nullptr;
+  curRecordPending = false;
   curSteps = 0;
   curStepLimit = -1;
 }

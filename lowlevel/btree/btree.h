@@ -14,10 +14,12 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "lowlevel/lowlevel_export.h"
 
 class BTreePage;
+struct BTreeRecord;
 class BTreePageKey;
 class BTreePageFile;
 
@@ -202,6 +204,16 @@ class BTree {
   TraverseCallback traverseCallback;
   BTreePage* curPage;
   uint32_t curIndex;
+  // A lookup that finds its key in an uncompressed page below the root keeps that page's record
+  // bytes here and leaves curPage null: curPage is built from them when the cursor is first
+  // used, since most lookups never use it and building a page costs about as much as the search.
+  std::vector<unsigned char> curRecord;
+  int32_t curRecordOffset = -1;
+  bool curRecordPending = false;
+  // Builds curPage from curRecord when a lookup left it pending. False when there is no cursor.
+  bool cursorReady();
+  // Copies the record for cursorReady; false (nothing kept) when there is no memory for it.
+  bool keepCursorRecord(const BTreeRecord& record);
   int64_t curSteps = 0;       // cursor moves since the cursor was placed
   int64_t curStepLimit = -1;  // the most moves of a sound file; -1 until asked for
   uint32_t lcid;

@@ -134,7 +134,7 @@ bool BTree::cursorStep() {
 }
 
 bool BTree::next(int32_t& value) {
-  if (curPage == nullptr) return false;
+  if (!cursorReady()) return false;
   Cursor cursor(*pageFile, curPage, curIndex);
   if (!cursorStep()) {
     cursor.drop();
@@ -155,7 +155,7 @@ bool BTree::next(int32_t& value) {
 }
 
 bool BTree::prev(int32_t& value) {
-  if (curPage == nullptr) return false;
+  if (!cursorReady()) return false;
   Cursor cursor(*pageFile, curPage, curIndex);
   if (!cursorStep()) {
     cursor.drop();
@@ -174,7 +174,7 @@ bool BTree::prev(int32_t& value) {
 }
 
 bool BTree::getCurrentKey(char* key, int& length) {
-  if (curPage == nullptr || curIndex >= curPage->keyCount) return false;
+  if (!cursorReady() || curIndex >= curPage->keyCount) return false;
   const BTreePageKey& current = curPage->keys[curIndex];
   if (current.data == nullptr) return false;
   int n = static_cast<int>(current.size) - (pageFile->hdr.duplicates != 0 ? 4 : 0);
@@ -189,7 +189,7 @@ bool BTree::getCurrentKey(char* key, int& length) {
 }
 
 bool BTree::getCurrentKeyDepthAndIndex(int& depth, int& index) {
-  if (curPage == nullptr) return false;
+  if (!cursorReady()) return false;
   depth = 0;
   BTreePage page(*curPage);
   BTreeWalkBudget budget(*pageFile);

@@ -1,5 +1,6 @@
 // The one descent of the tree, and the lookups built on it.
 #include <cstring>
+#include <new>
 
 #include "lowlevel/btree/btree.h"
 #include "lowlevel/btree/btree_walk.h"
@@ -187,12 +188,63 @@ bool BTree::find(int32_t& value, const char* key, int length) {
   }
   BTreePageKey slot = prepareKey(key, length, 0);
   BTreePage result(0, 0);
-  BTreePageRecycler recycler(*pageFile, result);  // a miss leaves its page to the next read
+  BTreePageRecycler recycler(*pageFile, result);
   uint32_t index = 0;
-  if (!Search(*root, slot, result, index)) return false;
+  bool equal = false;
+  BTreeRecord record;
+  switch (btreeDescend(*pageFile, *root, slot, record, index, equal)) {
+    case BTreeDescent::AtRoot:
+      if (!equal) return false;
+      result = *root;
+      break;
+    case BTreeDescent::AtRecord:
+      if (!equal) return false;  // a miss builds no page
+      if (record.bytes != nullptr && keepCursorRecord(record)) {
+        curIndex = index;
+        value = record.value(index);
+        return true;
+      }
+      if (!pageFile->decodeRecord(record, result)) {
+        reportUnreadablePage();
+        return false;
+      }
+      break;
+    case BTreeDescent::Failed:
+      reportUnreadablePage();
+      return false;
+  }
   curPage = cursorPage(result);
   curIndex = index;
   value = curPage->values[index];
+  return true;
+}
+
+bool BTree::keepCursorRecord(const BTreeRecord& record) {
+  const int64_t size = btreeRecordSize(pageFile->hdr.order, pageFile->hdr.keyLength);
+  if (size <= 0) return false;
+  try {
+    curRecord.resize(static_cast<size_t>(size));
+  } catch (const std::bad_alloc&) {
+    return false;  // the page is built at once instead
+  }
+  std::memcpy(curRecord.data(), record.bytes, static_cast<size_t>(size));
+  curRecordOffset = record.offset;
+  curRecordPending = true;
+  return true;
+}
+
+bool BTree::cursorReady() {
+  if (!curRecordPending) return curPage != nullptr;
+  curRecordPending = false;
+  BTreeRecord record;
+  BTreePage result(0, 0);
+  if (!pageFile->recordFromCopy(curRecordOffset, curRecord.data(), record) ||
+      !pageFile->decodeRecord(record, result)) {
+    pageFile->recycle(result);
+    reportUnreadablePage();
+    return false;
+  }
+  curPage = cursorPage(result);
   return true;
 }
 

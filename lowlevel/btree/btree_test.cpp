@@ -216,6 +216,19 @@ TEST_F(TreeTest, ScriptsOfLookupsAndSteps) {
     EXPECT_EQ(steps(*tree, "P P C H"), "107 - x -1");
   }
   EXPECT_EQ(steps(*tree, "F"), "101");
+  // A lookup's cursor is a copy of its page as found: a change made through another object
+  // meanwhile does not move it, with the page cache off or on.
+  for (size_t cache : {size_t{0}, size_t{1} << 20}) {
+    setBTreePageCacheSize(cache);
+    tree = longs({1, 2, 3, 4, 5, 6, 7, 8});
+    {
+      BTree other(path, false, 0);
+      int32_t v = 0;
+      ASSERT_TRUE(tree->find(v, int32_t{7}) && other.deleteKey(int32_t{8}));
+    }
+    EXPECT_EQ(steps(*tree, "N K P P"), "108 8 107 106");
+  }
+  setBTreePageCacheSize(0);
 }
 
 // Each getCurrentKey(buffer, length) call as answer/length/first 8 bytes of the buffer.

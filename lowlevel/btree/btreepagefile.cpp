@@ -410,6 +410,12 @@ bool BTreePageFile::readRecord(int32_t offset, BTreeRecord& record) {
   return read;
 }
 
+bool BTreePageFile::recordFromCopy(int32_t offset, const unsigned char* bytes, BTreeRecord& record) {
+  if (hdr.compressed != 0 || !readUncompressedRecord(offset, record, bytes)) return false;
+  record.keyOrder = nullptr;
+  return true;
+}
+
 bool BTreePageFile::decodeRecord(const BTreeRecord& record, BTreePage& page) {
   BTreePage* scratch = scratchPage();
   if (scratch == nullptr) return false;
@@ -474,6 +480,7 @@ bool BTreePageFile::readUncompressedRecord(int32_t offset, BTreeRecord& record,
   record.offset = offset;
   record.parentOffset = get32(bytes + 4);
   record.keyCount = keyCount;
+  record.bytes = bytes;
   record.keys = bytes + kBTreePageHeadSize;
   record.values = record.keys + static_cast<size_t>(order - 1) * static_cast<size_t>(hdr.keyLength);
   record.children = record.values + 4 * static_cast<size_t>(order - 1);
@@ -535,6 +542,7 @@ bool BTreePageFile::readCompressedRecord(int32_t offset, BTreeRecord& record,
   record.offset = offset;
   record.parentOffset = get32(bytes + 4);
   record.keyCount = keyCount;
+  record.bytes = nullptr;
   record.keys = expandedKeys;
   record.values = body + total;
   record.children = record.values + valueBytes;

@@ -60,6 +60,8 @@ struct BTreeRecord {
   uint32_t keyCount = 0;
   const unsigned char* keys = nullptr;
   const unsigned char* values = nullptr;
+  // The first byte of an uncompressed record (btreeRecordSize bytes); null for a compressed one.
+  const unsigned char* bytes = nullptr;
   const unsigned char* children = nullptr;
   // For a record the page cache answered: its note about the order of the keys (kKeyOrder...),
   // which a search may read and set; null for a record read from the file.
@@ -140,6 +142,9 @@ class BTreePageFile {
   // The same read and the same checks as readPage, without building a page: a search that only
   // passes through a page looks at the record where it lies. On false `record` is unchanged.
   bool readRecord(int32_t offset, BTreeRecord& record);
+  // A record view of `bytes`, a copy of an uncompressed record that readRecord gave for `offset`,
+  // checked again as readRecord checks it. False for a compressed file.
+  bool recordFromCopy(int32_t offset, const unsigned char* bytes, BTreeRecord& record);
   // Builds `page` from the record that the last readRecord gave (no I/O). On false (no memory)
   // `page` is unchanged.
   bool decodeRecord(const BTreeRecord& record, BTreePage& page);
