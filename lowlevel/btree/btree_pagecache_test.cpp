@@ -173,16 +173,16 @@ TEST(BTreeCacheIndex, AgreesWithAMap) {
       index.erase(position);
       model.erase(position);
     } else {
-      ASSERT_TRUE(index.set(position, step));
+      ASSERT_TRUE(index.set(position, BTreeCacheRef{step, nullptr}));
       model[position] = step;
     }
-    const uint32_t* at = index.find(position);
-    ASSERT_EQ(at ? int64_t{*at} : -1, model.count(position) ? int64_t{model[position]} : -1) << step;
+    const BTreeCacheRef* at = index.find(position);
+    ASSERT_EQ(at ? int64_t{at->slot} : -1, model.count(position) ? int64_t{model[position]} : -1) << step;
   }
   size_t slots = 0;
   index.forEachSlot([&](uint32_t) { ++slots; });
   EXPECT_EQ(slots, model.size());
-  for (const auto& entry : model) EXPECT_EQ(*index.find(entry.first), entry.second);
+  for (const auto& entry : model) EXPECT_EQ(index.find(entry.first)->slot, entry.second);
 }
 
 }  // namespace

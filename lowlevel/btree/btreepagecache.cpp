@@ -27,15 +27,15 @@ bool BTreeCacheIndex::grow() {
   return true;
 }
 
-bool BTreeCacheIndex::set(int32_t position, uint32_t slot) {
-  if (uint32_t* at = find(position)) {
-    *at = slot;
+bool BTreeCacheIndex::set(int32_t position, BTreeCacheRef ref) {
+  if (BTreeCacheRef* at = find(position)) {
+    *at = ref;
     return true;
   }
   if (2 * (count_ + 1) > capacity_ && !grow()) return false;  // at most half full
   size_t at = home(position);
   while (entries_[at].position != kEmpty) at = (at + 1) & mask_;
-  entries_[at] = Entry{position, slot};
+  entries_[at] = Entry{position, ref};
   ++count_;
   return true;
 }
@@ -108,9 +108,9 @@ void BTreePageCache::detach(BTreeCacheFile* file) {
 
 void BTreePageCache::release(uint32_t slot) {
   Slot& s = slots_[slot];
-  used_ -= charge(s.length);
+  used_ -= charge(s.block->length);
   s.file = nullptr;
-  s.bytes.reset();
+  s.block.reset();
   freeSlots_.push_back(slot);
 }
 
@@ -122,8 +122,8 @@ bool BTreePageCache::evictOne() {
     Slot& s = slots_[hand_];
     const uint32_t current = static_cast<uint32_t>(hand_++);
     if (s.file == nullptr) continue;
-    if (s.referenced) {
-      s.referenced = false;
+    if (s.block->referenced) {
+      s.block->referenced = false;
       continue;
     }
     s.file->index.erase(s.position);
@@ -139,9 +139,12 @@ void BTreePageCache::put(BTreeCacheFile* file, int32_t position, const unsigned 
   if (charge(length) > limit_) return;
   while (used_ + charge(length) > limit_ && evictOne()) {
   }
-  std::unique_ptr<unsigned char[]> copy(new (std::nothrow) unsigned char[length == 0 ? 1 : length]);
-  if (!copy) return;
-  std::memcpy(copy.get(), bytes, length);
+  void* memory = ::operator new(sizeof(BTreeCacheBlock) + length, std::nothrow);
+  if (memory == nullptr) return;
+  std::unique_ptr<BTreeCacheBlock, FreeBlock> block(new (memory) BTreeCacheBlock);
+  block->length = length;
+  block->version = ++lastVersion_;
+  std::memcpy(block->bytes(), bytes, length);
   uint32_t slot;
   if (!freeSlots_.empty()) {
     slot = freeSlots_.back();
@@ -153,35 +156,32 @@ void BTreePageCache::put(BTreeCacheFile* file, int32_t position, const unsigned 
   Slot& s = slots_[slot];
   s.file = file;
   s.position = position;
-  s.length = length;
-  s.referenced = false;
-  s.note = 0;
-  s.version = ++lastVersion_;
-  s.bytes = std::move(copy);
+  s.block = std::move(block);
   used_ += charge(length);
-  if (!file->index.set(position, slot)) release(slot);  // no memory for the index: not cached
+  if (!file->index.set(position, BTreeCacheRef{slot, s.block.get()}))
+    release(slot);  // no memory for the index: not cached
 }
 
 void BTreePageCache::patch(BTreeCacheFile* file, int32_t position, const unsigned char* bytes,
                            uint32_t length, unsigned char note) {
-  const uint32_t* at = file->index.find(position);
+  const BTreeCacheRef* at = file->index.find(position);
   if (at == nullptr) return;
-  Slot& s = slots_[*at];
-  if (length <= s.length) {
-    std::memcpy(s.bytes.get(), bytes, length);
-    s.note = note;
-    s.version = ++lastVersion_;
+  BTreeCacheBlock* block = at->block;
+  if (length <= block->length) {
+    std::memcpy(block->bytes(), bytes, length);
+    block->note = note;
+    block->version = ++lastVersion_;
   } else {
-    const uint32_t slot = *at;
+    const uint32_t slot = at->slot;
     file->index.erase(position);
     release(slot);
   }
 }
 
 void BTreePageCache::erase(BTreeCacheFile* file, int32_t position) {
-  const uint32_t* at = file->index.find(position);
+  const BTreeCacheRef* at = file->index.find(position);
   if (at == nullptr) return;
-  const uint32_t slot = *at;
+  const uint32_t slot = at->slot;
   file->index.erase(position);
   release(slot);
 }

@@ -24,33 +24,50 @@ struct BTreeCacheLayout {
   }
 };
 
-// Physical position -> slot, by open addressing with linear probing. Every level of every search
-// looks a position up; a node-based map costs two dependent cache misses there, this usually one.
+// The head of a cached entry's memory block; the entry's bytes follow it. What a lookup needs
+// lies here, beside the bytes, so that a lookup touches the index and the block only.
+struct BTreeCacheBlock {
+  uint64_t version = 0;
+  uint32_t length = 0;
+  unsigned char note = 0;
+  bool referenced = false;
+  unsigned char* bytes() { return reinterpret_cast<unsigned char*>(this + 1); }
+};
+
+// What the index holds for a position: the entry's slot and its block.
+struct BTreeCacheRef {
+  uint32_t slot;
+  BTreeCacheBlock* block;
+};
+
+// Physical position -> slot and block, by open addressing with linear probing. Every level of
+// every search looks a position up; a node-based map costs two dependent cache misses there, this
+// usually one.
 class BTreeCacheIndex {
  public:
-  // The slot at `position`, or null. Positions are never negative.
-  uint32_t* find(int32_t position) {
+  // What is at `position`, or null. Positions are never negative.
+  BTreeCacheRef* find(int32_t position) {
     if (count_ == 0) return nullptr;
     for (size_t i = home(position);; i = (i + 1) & mask_) {
-      if (entries_[i].position == position) return &entries_[i].slot;
+      if (entries_[i].position == position) return &entries_[i].ref;
       if (entries_[i].position == kEmpty) return nullptr;
     }
   }
-  // Sets the slot at `position`. False when the table could not grow (no memory): nothing changed.
-  bool set(int32_t position, uint32_t slot);
+  // Sets what is at `position`. False when the table could not grow (no memory): nothing changed.
+  bool set(int32_t position, BTreeCacheRef ref);
   void erase(int32_t position);
   // Forgets every position and frees the table.
   void clear();
   template <class F>
   void forEachSlot(F f) const {
     for (size_t i = 0; i < capacity_; ++i)
-      if (entries_[i].position != kEmpty) f(entries_[i].slot);
+      if (entries_[i].position != kEmpty) f(entries_[i].ref.slot);
   }
 
  private:
   struct Entry {
     int32_t position;
-    uint32_t slot;
+    BTreeCacheRef ref;
   };
   static constexpr int32_t kEmpty = -1;
   // Fibonacci hashing: positions are a header plus multiples of the record size.
@@ -96,14 +113,14 @@ class BTreePageCache {
   // patch, never 0): equal numbers mean unchanged bytes.
   const unsigned char* find(BTreeCacheFile* file, int32_t position, uint32_t* length,
                             unsigned char** note, uint64_t* version) {
-    const uint32_t* at = file->index.find(position);
+    const BTreeCacheRef* at = file->index.find(position);
     if (at == nullptr) return nullptr;
-    Slot& slot = slots_[*at];
-    slot.referenced = true;
-    *length = slot.length;
-    *note = &slot.note;
-    *version = slot.version;
-    return slot.bytes.get();
+    BTreeCacheBlock* block = at->block;
+    block->referenced = true;
+    *length = block->length;
+    *note = &block->note;
+    *version = block->version;
+    return block->bytes();
   }
   // Puts a copy of `length` bytes at `position`, replacing what is there. Too large for the limit,
   // or no memory: the position is left uncached.
@@ -117,20 +134,20 @@ class BTreePageCache {
   void clearAll();
 
  private:
+  struct FreeBlock {
+    void operator()(BTreeCacheBlock* block) const { ::operator delete(block); }
+  };
   struct Slot {
     BTreeCacheFile* file = nullptr;  // null: free
     int32_t position = 0;
-    uint32_t length = 0;
-    bool referenced = false;
-    unsigned char note = 0;
-    uint64_t version = 0;
-    std::unique_ptr<unsigned char[]> bytes;
+    std::unique_ptr<BTreeCacheBlock, FreeBlock> block;
   };
   static size_t charge(uint32_t length) { return length + kSlotOverhead; }
   void release(uint32_t slot);
   bool evictOne();
 
-  static constexpr size_t kSlotOverhead = 64;  // the slot, its share of the index, the allocator's
+  // The slot, the block head, its share of the index (kept a quarter to half full), the allocator.
+  static constexpr size_t kSlotOverhead = 96;
   size_t limit_ = 0;
   size_t used_ = 0;
   bool check_ = false;
