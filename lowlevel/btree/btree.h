@@ -58,7 +58,8 @@ class BTree {
   // --- Lookup (they place the cursor). ---
   // A page that cannot be read on the way down is reported ("Unable to read page.") and the
   // lookup fails as if the key were absent, leaving no cursor. So does a descent deeper than the
-  // file has records (a corrupt link).
+  // file has records (a corrupt link). The cursor holds a private copy of the page the lookup
+  // ended on, as it was then: a change made meanwhile through another object does not move it.
   LOWLEVEL_EXPORT bool find(int32_t& value, const char* key, int length);
   LOWLEVEL_EXPORT bool findGreaterThanOrEqual(int32_t& value, const char* key, int length);
 
