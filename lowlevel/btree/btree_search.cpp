@@ -240,7 +240,6 @@ bool BTree::cursorReady() {
   BTreePage result(0, 0);
   if (!pageFile->recordFromCopy(curRecordOffset, curRecord.data(), record) ||
       !pageFile->decodeRecord(record, result)) {
-    pageFile->recycle(result);
     reportUnreadablePage();
     return false;
   }

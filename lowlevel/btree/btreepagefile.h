@@ -58,10 +58,10 @@ struct BTreeRecord {
   int32_t offset = -1;
   int32_t parentOffset = -1;
   uint32_t keyCount = 0;
-  const unsigned char* keys = nullptr;
-  const unsigned char* values = nullptr;
   // The first byte of an uncompressed record (btreeRecordSize bytes); null for a compressed one.
   const unsigned char* bytes = nullptr;
+  const unsigned char* keys = nullptr;
+  const unsigned char* values = nullptr;
   const unsigned char* children = nullptr;
   // For a record the page cache answered: its note about the order of the keys (kKeyOrder...),
   // which a search may read and set; null for a record read from the file.
